@@ -1,0 +1,71 @@
+#include "platform/QBSignalSource.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+QBSignalSource::QBSignalSource(std::initializer_list<int> signals, Handler signalHandler)
+    : handler(std::move(signalHandler)) {
+    sigemptyset(&signalSet);
+    for (int signalNumber : signals) sigaddset(&signalSet, signalNumber);
+    pthread_sigmask(SIG_BLOCK, &signalSet, nullptr);
+
+    signalDescriptor = signalfd(-1, &signalSet, SFD_CLOEXEC);
+    if (signalDescriptor < 0) return;
+    if (pipe2(wakePipe, O_CLOEXEC) != 0) {
+        wakePipe[0] = wakePipe[1] = -1;
+        return;
+    }
+    waiter = std::thread([this] { waitLoop(); });
+}
+
+QBSignalSource::~QBSignalSource() {
+    if (waiter.joinable()) {
+        const char wake = 0;
+        while (::write(wakePipe[1], &wake, 1) < 0 && errno == EINTR) {
+        }
+        waiter.join();
+    }
+    waitForHandlers();
+    for (int fd : {signalDescriptor, wakePipe[0], wakePipe[1]}) {
+        if (fd >= 0) ::close(fd);
+    }
+}
+
+void QBSignalSource::waitForHandlers() {
+    std::unique_lock guard(handlersLock);
+    handlersDone.wait(guard, [this] { return runningHandlers == 0; });
+    std::list<std::thread> finished;
+    finished.swap(handlers);
+    guard.unlock();
+    for (auto& thread : finished) thread.join();
+}
+
+void QBSignalSource::waitLoop() {
+    pollfd watched[2] = {{signalDescriptor, POLLIN, 0}, {wakePipe[0], POLLIN, 0}};
+    for (;;) {
+        if (poll(watched, 2, -1) < 0) {
+            if (errno == EINTR) continue;
+            return;
+        }
+        if (watched[1].revents != 0) return;
+        if ((watched[0].revents & POLLIN) == 0) continue;
+        signalfd_siginfo info{};
+        const ssize_t n = ::read(signalDescriptor, &info, sizeof info);
+        if (n == static_cast<ssize_t>(sizeof info)) startHandler(static_cast<int>(info.ssi_signo));
+    }
+}
+
+void QBSignalSource::startHandler(int signalNumber) {
+    std::lock_guard guard(handlersLock);
+    ++runningHandlers;  // counted before the thread exists, so a waiter never misses it
+    handlers.emplace_back([this, signalNumber] {
+        handler(signalNumber);
+        std::lock_guard done(handlersLock);
+        --runningHandlers;
+        handlersDone.notify_all();
+    });
+}

@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Installs what building, testing and benchmarking need on Debian 12 (run as root).
+set -euo pipefail
+export DEBIAN_FRONTEND=noninteractive
+packages=(
+    build-essential cmake ninja-build pkg-config
+    libicu-dev nlohmann-json3-dev libplist-dev libsystemd-dev
+    libgtest-dev libgmock-dev libbenchmark-dev
+    iproute2 util-linux procps curl wrk nginx-light python3
+)
+missing=()
+for package in "${packages[@]}"; do
+    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" || missing+=("$package")
+done
+if ((${#missing[@]})); then
+    apt-get update -qq
+    apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
