@@ -6,8 +6,9 @@
 // the buffer unchanged. Numbers are stored in host byte order; strings as UTF-8 bytes with no
 // terminator or length prefix.
 //
-// Invariants: 0 <= length <= size; endIndex == (startIndex + length) % size (both 0 when size
-// is 0). Indexes are not rewound when the buffer empties.
+// Invariants: 0 <= length <= size; startIndex < size (0 when size is 0). The tail, where the
+// next byte goes, is (startIndex + length) % size; it is derived rather than stored so that it
+// cannot drift from the other two. Indexes are not rewound when the buffer empties.
 //
 // Threads: none. A buffer has no lock and belongs to one thread at a time.
 //
@@ -15,9 +16,11 @@
 //   buffer->writeString("GET");
 //   auto text = buffer->readString();   // "GET"
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -37,8 +40,10 @@ public:
 
     // Writes: true when all bytes were stored, false (and "Buffer is full") when none were.
     bool writeRawData(const void* data, std::int64_t size);
-    // Positioned write; a position outside 0..length is an append. A position inside the unread
-    // data overwrites in place and grows length only by the part past the old end.
+    // Positioned write at position bytes after the head; a position outside 0..length is an
+    // append. A position inside the unread data overwrites those bytes in place and grows length
+    // only by the part that extends past the old end, so the invariants hold and the head is
+    // untouched. Refused whole ("Buffer is full") when position + size would pass the capacity.
     bool writeRawData(const void* data, std::int64_t size, std::int64_t position);
     bool writeByte(char value);
     bool writeInt8(std::int8_t value);
@@ -81,7 +86,8 @@ public:
     std::optional<std::string> readStringWithLength(std::int64_t count);
     // readStringWithLength(length()): nullopt on an empty buffer.
     std::optional<std::string> readString();
-    // Consumes count bytes into a new buffer of capacity count; null when they are not there.
+    // Consumes count bytes into a new buffer of capacity count; null (nothing consumed) when they
+    // are not there or the new buffer cannot be allocated.
     std::unique_ptr<QBBuffer> readBufferWithLength(std::int64_t count);
 
     // Offset of the first unread byte equal to terminator, or -1. Consumes nothing.
@@ -93,12 +99,24 @@ public:
     bool terminatedWithBytes(const void* bytes, std::int32_t length) const;
 
 private:
-    explicit QBBuffer(std::int64_t size);
-    void copyOut(std::int64_t from, std::int64_t count, std::uint8_t* into) const;
+    using Piece = std::span<const std::uint8_t>;
+
+    QBBuffer(std::unique_ptr<std::uint8_t[]> store, std::int64_t size);
+
+    // Store index of the byte offset bytes after the head (offset <= size).
+    std::int64_t storeIndex(std::int64_t offset) const;
+    // The count bytes from offset bytes after the head as at most two runs of the store: the
+    // first up to the store's end, the second (possibly empty) from index 0.
+    std::array<Piece, 2> pieces(std::int64_t offset, std::int64_t count) const;
+    // Copies bytes into the store from offset bytes after the head; no checks, no index updates.
+    void copyIn(std::int64_t offset, Piece bytes);
+    // Copies count unread bytes from offset bytes after the head into into.
+    void copyOut(std::int64_t offset, std::int64_t count, std::uint8_t* into) const;
+    template <typename Number>
+    Number readNumber();
 
     std::unique_ptr<std::uint8_t[]> rawStore;
     std::int64_t size_ = 0;
     std::int64_t startIndex = 0;
-    std::int64_t endIndex = 0;
     std::int64_t length_ = 0;
 };

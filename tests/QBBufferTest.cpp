@@ -1,0 +1,254 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <deque>
+#include <functional>
+#include <limits>
+#include <random>
+
+#include "QBBuffer.h"
+#include "support/LogCapture.h"
+
+// AddressSanitizer treats an impossible allocation as an error unless, like the real allocator,
+// it may return null; the unallocatable-capacity case below needs the real behaviour.
+extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+Bytes bytesOf(std::string_view text) { return Bytes(text.begin(), text.end()); }
+Bytes contents(const QBBuffer& buffer) { return buffer.rawData().value_or(Bytes{}); }
+
+// An empty buffer whose indexes sit at store index head, so that later writes wrap round.
+std::unique_ptr<QBBuffer> bufferWithHeadAt(std::int64_t size, std::int64_t head) {
+    auto buffer = QBBuffer::initWithSize(size);
+    if (head > 0 && buffer->writeData(Bytes(head, 0))) buffer->removeData(head);
+    return buffer;
+}
+
+}  // namespace
+
+TEST(QBBufferTest, CapacityIsFixedAtCreation) {
+    for (auto [requested, expected] : {std::pair<std::int64_t, std::int64_t>{-1, 65536},
+                                       {-4096, 65536}, {0, 0}, {4, 4}}) {
+        auto buffer = QBBuffer::initWithSize(requested);
+        ASSERT_NE(buffer, nullptr);
+        EXPECT_EQ(buffer->size(), expected);
+        EXPECT_EQ(buffer->length(), 0);
+    }
+    EXPECT_EQ(QBBuffer::init()->size(), 65536);
+    LogCapture log;
+    EXPECT_EQ(QBBuffer::initWithSize(std::numeric_limits<std::int64_t>::max()), nullptr);
+    EXPECT_EQ(log.count("Buffer memory allocation failed"), 1);
+}
+
+TEST(QBBufferTest, RefusedWriteLeavesBufferUnchanged) {
+    auto empty = QBBuffer::initWithSize(4);
+    const std::function<bool(QBBuffer&)> refusedWrites[] = {
+        [](QBBuffer& b) { return b.writeRawData(nullptr, 1); },
+        [](QBBuffer& b) { return b.writeRawData("x", std::numeric_limits<std::int64_t>::max(), 1); },
+        [](QBBuffer& b) { return b.writeString(""); },
+        [](QBBuffer& b) { return b.writeData({}); },
+        [](QBBuffer& b) { return b.writeInt32(7); },                  // one byte too many
+        [](QBBuffer& b) { return b.writeRawData("abcdef", 6, 3); },  // inside, ends past capacity
+        [&](QBBuffer& b) { return b.writeBuffer(*empty); },
+    };
+    for (std::size_t i = 0; i < std::size(refusedWrites); ++i) {
+        LogCapture log;
+        auto buffer = bufferWithHeadAt(8, 6);
+        buffer->writeString("hello");
+        EXPECT_FALSE(refusedWrites[i](*buffer)) << i;
+        EXPECT_EQ(log.count("Buffer is full"), 1) << i;
+        EXPECT_TRUE(buffer->writeString("!!!")) << i;  // exactly fills: the indexes did not move
+        EXPECT_EQ(contents(*buffer), bytesOf("hello!!!")) << i;
+    }
+}
+
+TEST(QBBufferTest, NumbersUseHostByteOrder) {
+    auto buffer = bufferWithHeadAt(16, 11);
+    buffer->writeInt16(0x0102);
+    buffer->writeInt32(0x01020304);
+    buffer->writeFloat(1.0f);
+    EXPECT_EQ(contents(*buffer), (Bytes{0x02, 0x01, 0x04, 0x03, 0x02, 0x01, 0x00, 0x00, 0x80, 0x3f}));
+    EXPECT_EQ(buffer->readInt16(), 0x0102);
+    EXPECT_EQ(buffer->readInt32(), 0x01020304);
+    EXPECT_EQ(buffer->readFloat(), 1.0f);
+    EXPECT_TRUE(buffer->writeDouble(2.5));
+    EXPECT_EQ(buffer->length(), 8);
+    EXPECT_EQ(buffer->readDouble(), 2.5);
+}
+
+TEST(QBBufferTest, ShortReadsReturnNothingAndConsumeNothing) {
+    auto buffer = QBBuffer::initWithSize(8);
+    buffer->writeString("abc");
+    EXPECT_EQ(buffer->readInt32(), 0);
+    EXPECT_EQ(buffer->readDouble(), 0.0);
+    EXPECT_FALSE(buffer->readStringWithLength(4));
+    EXPECT_EQ(buffer->readBufferWithLength(0), nullptr);
+    EXPECT_EQ(contents(*buffer), bytesOf("abc"));
+}
+
+TEST(QBBufferTest, StringReadsEndAtZeroByteAndRejectInvalidUTF8) {
+    auto buffer = bufferWithHeadAt(8, 6);
+    buffer->writeRawData("ab\0cd", 5);
+    EXPECT_EQ(buffer->readString(), "ab");
+    EXPECT_EQ(buffer->length(), 0);
+    EXPECT_EQ(buffer->readString(), std::nullopt);
+    buffer->writeString("\xc3" "ab");
+    EXPECT_EQ(buffer->readStringWithLength(2), std::nullopt);  // consumed all the same
+    EXPECT_EQ(contents(*buffer), bytesOf("b"));
+}
+
+TEST(QBBufferTest, TerminatedStringReadsThroughTheTerminator) {
+    struct Case {
+        std::string data;
+        char terminator;
+        std::optional<std::string> text;
+        std::string rest;
+    };
+    const Case cases[] = {
+        {"ab\ncd", '\n', "ab\n", "cd"},
+        {"abcd", '\n', std::nullopt, "abcd"},
+        {"\nab", '\n', "\n", "ab"},
+        {std::string("ab\0cd", 5), '\0', "ab", "cd"},
+        {"a\xff" "b", '\xff', std::nullopt, "b"},  // found, but not UTF-8
+    };
+    for (const auto& c : cases) {
+        auto buffer = bufferWithHeadAt(8, 6);
+        buffer->writeString(c.data);
+        EXPECT_EQ(buffer->readStringTerminatedBy(c.terminator), c.text) << c.data;
+        EXPECT_EQ(contents(*buffer), bytesOf(c.rest)) << c.data;
+    }
+}
+
+TEST(QBBufferTest, ByteByByteTailTestSeesTerminatorStraddlingTheWrapPoint) {
+    const std::string header = "GET /vpn\r\n\r\n";
+    for (std::int64_t head = 0; head < 16; ++head) {
+        auto buffer = bufferWithHeadAt(16, head);
+        int matches = 0;
+        for (char c : header) {
+            buffer->writeByte(c);
+            matches += buffer->terminatedWithBytes("\r\n\r\n", 4);
+        }
+        EXPECT_EQ(matches, 1) << head;
+    }
+    auto empty = QBBuffer::initWithSize(4);
+    EXPECT_TRUE(empty->terminatedWithBytes("", 0));
+    EXPECT_FALSE(empty->terminatedWithBytes(nullptr, 0));
+}
+
+TEST(QBBufferTest, ReadBufferTakesCountBytesIntoAFullBufferOfThatCapacity) {
+    auto buffer = bufferWithHeadAt(8, 6);
+    buffer->writeString("abcdef");
+    auto part = buffer->readBufferWithLength(4);
+    ASSERT_NE(part, nullptr);
+    EXPECT_EQ(part->size(), 4);
+    EXPECT_EQ(contents(*part), bytesOf("abcd"));
+    EXPECT_EQ(contents(*buffer), bytesOf("ef"));
+    LogCapture log;
+    EXPECT_FALSE(part->writeByte('x'));
+    EXPECT_EQ(log.count("Buffer is full"), 1);
+    part->removeData(2);
+    part->writeString("xy");
+    EXPECT_EQ(contents(*part), bytesOf("cdxy"));
+}
+
+TEST(QBBufferTest, WriteBufferCopiesUnreadBytesAndLeavesSourceUnchanged) {
+    auto source = bufferWithHeadAt(4, 3);
+    source->writeString("abc");
+    auto target = bufferWithHeadAt(8, 7);
+    target->writeString("x");
+    EXPECT_TRUE(target->writeBuffer(*source));
+    EXPECT_EQ(contents(*source), bytesOf("abc"));
+    EXPECT_EQ(contents(*target), bytesOf("xabc"));
+}
+
+TEST(QBBufferTest, PositionedInt16WriteOverwritesInPlace) {
+    auto buffer = QBBuffer::initWithSize(6);
+    buffer->writeString("abcd");
+    EXPECT_TRUE(buffer->writeInt16(0x5958, 1));   // "XY" over "bc"
+    EXPECT_TRUE(buffer->writeInt16(0x215a, -1));  // "Z!" appended
+    EXPECT_EQ(contents(*buffer), bytesOf("aXYdZ!"));
+}
+
+// Many random operations checked against a std::deque, including positioned writes inside the
+// data, self-copies and stale bytes behind the head; catches index and wrap-around faults.
+TEST(QBBufferTest, RandomOperationsMatchADequeModel) {
+    std::mt19937 random(20240611);
+    auto pick = [&](std::int64_t low, std::int64_t high) {
+        return std::uniform_int_distribution<std::int64_t>(low, high)(random);
+    };
+    const std::uint8_t alphabet[] = {0x00, 0x0a, 0x80, 0xff};  // few values: searches hit often
+    LogCapture log;
+    for (std::int64_t size : {1, 2, 7, 64}) {
+        auto buffer = QBBuffer::initWithSize(size);
+        std::deque<std::uint8_t> model;
+        int refusals = 0;
+        log.clear();
+        for (int step = 0; step < 20000; ++step) {
+            const auto length = static_cast<std::int64_t>(model.size());
+            const std::int64_t count = pick(-1, size / 2 + 2);
+            Bytes bytes(static_cast<std::size_t>(std::max<std::int64_t>(count, 0)));
+            for (auto& byte : bytes) byte = alphabet[pick(0, 3)];
+            const auto at = [&](std::int64_t offset) { return model.begin() + offset; };
+            switch (pick(0, 5)) {
+            case 0: {
+                const std::int64_t position = pick(-2, length + 2);
+                const std::int64_t q = position < 0 || position > length ? length : position;
+                const bool fits = count >= 1 && q + count <= size;
+                ASSERT_EQ(buffer->writeRawData(bytes.data(), count, position), fits);
+                if (!fits) {
+                    ++refusals;
+                    break;
+                }
+                const auto inside = std::min(count, length - q);
+                std::copy_n(bytes.begin(), inside, at(q));
+                model.insert(model.end(), bytes.begin() + inside, bytes.end());
+                break;
+            }
+            case 1: {
+                const bool present = count >= 1 && count <= length;
+                const auto expected = present ? std::optional(Bytes(at(0), at(count))) : std::nullopt;
+                ASSERT_EQ(buffer->peekRawData(count), expected);
+                ASSERT_EQ(buffer->readRawData(count), expected);
+                if (present) model.erase(at(0), at(count));
+                break;
+            }
+            case 2:
+                buffer->removeData(count);
+                if (count >= 1 && count <= length) model.erase(at(0), at(count));
+                break;
+            case 3: {
+                const char terminator = bytes.empty() ? 0 : char(bytes[0]);
+                const auto found = std::find(model.begin(), model.end(), std::uint8_t(terminator));
+                ASSERT_EQ(buffer->readDataLengthTerminatedBy(terminator),
+                          found == model.end() ? -1 : found - model.begin());
+                break;
+            }
+            case 4: {  // one byte longer than the data: must not read stale bytes behind the head
+                const std::int64_t n = std::min(count, length + 1);
+                Bytes tail(at(length - std::clamp<std::int64_t>(n, 0, length)), model.end());
+                if (n > length) tail.insert(tail.begin(), 0x00);
+                const bool altered = n > 0 && pick(0, 1) == 1;
+                if (altered) tail[pick(0, n - 1)] ^= 1;
+                const bool expected = n <= length && !altered;
+                const std::uint8_t* data = tail.empty() ? alphabet : tail.data();
+                ASSERT_EQ(buffer->terminatedWithBytes(data, static_cast<std::int32_t>(n)), expected);
+                break;
+            }
+            case 5: {
+                const bool fits = length >= 1 && 2 * length <= size;
+                ASSERT_EQ(buffer->writeBuffer(*buffer), fits);
+                const Bytes copy(model.begin(), model.end());
+                if (fits) model.insert(model.end(), copy.begin(), copy.end());
+                refusals += !fits;
+                break;
+            }
+            }
+            ASSERT_EQ(buffer->length(), static_cast<std::int64_t>(model.size())) << step;
+            ASSERT_EQ(contents(*buffer), Bytes(model.begin(), model.end())) << step;
+        }
+        EXPECT_EQ(log.count("Buffer is full"), refusals) << size;
+    }
+}
