@@ -30,6 +30,9 @@ constexpr std::size_t initialReadAheadSize = 4096;
 // Most bytes one non-waiting read takes from the kernel, whatever count the caller asks for, so
 // that a huge count cannot make it allocate a huge temporary block.
 constexpr std::size_t maxSingleReceive = 1024 * 1024;
+// Connections accepted for one wake-up of the accept loop, before it looks at the wake pipe
+// again: a burst is drained without a poll per connection, and a shutdown is still seen soon.
+constexpr int acceptBatch = 32;
 // After accept fails for want of descriptors or memory the listening socket stays readable;
 // the loop pauses this long (still waking for shutdownServer) instead of spinning.
 constexpr int acceptPauseMilliseconds = 100;
@@ -376,7 +379,9 @@ void QBTCPSocket::internalServeOnData(const std::shared_ptr<QBIPAddress>& addres
     while (!shutdownRequested.load()) {
         pollfd ready[2] = {{_socket, POLLIN, 0}, {wakeReadEnd, POLLIN, 0}};
         // A failed poll is ignored, like a failed accept: the loop only ends on shutdown.
-        if (::poll(ready, 2, -1) > 0 && (ready[0].revents & POLLIN)) acceptConnection(table, delegate);
+        if (::poll(ready, 2, -1) <= 0 || !(ready[0].revents & POLLIN)) continue;
+        for (int i = 0; i < acceptBatch && acceptConnection(table, delegate); ++i) {
+        }
     }
     table->shutDownAll();
     ::close(_socket);
@@ -385,20 +390,22 @@ void QBTCPSocket::internalServeOnData(const std::shared_ptr<QBIPAddress>& addres
     table->waitUntilDrained(serverLimits.drainTimeout);
 }
 
-void QBTCPSocket::acceptConnection(const std::shared_ptr<ConnectionTable>& table,
+// Accepts one connection and starts its thread (or refuses it). False when there was none to
+// accept, or accepting failed.
+bool QBTCPSocket::acceptConnection(const std::shared_ptr<ConnectionTable>& table,
                                    const std::weak_ptr<QBTCPSocketServerDelegate>& delegate) {
     const int descriptor = ::accept4(_socket, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (descriptor < 0) {
         if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
             pauseAccepting();
         }
-        return;
+        return false;
     }
     auto handler = delegate.lock();
     auto connectionSlot = handler ? table->admit(descriptor, table) : nullptr;
     if (!connectionSlot) {
         ::close(descriptor);
-        return;
+        return true;
     }
     auto connection = socketWithExistingSocket(descriptor, nullptr, 0);
     connection->slot = connectionSlot;
@@ -406,6 +413,7 @@ void QBTCPSocket::acceptConnection(const std::shared_ptr<ConnectionTable>& table
         connection->close();
         table->threadEnded(*connectionSlot);
     }
+    return true;
 }
 
 void QBTCPSocket::pauseAccepting() {

@@ -34,6 +34,8 @@
 //   server->shutdownServer();
 //   loop.join();
 
+#include <sys/socket.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -64,10 +66,11 @@ public:
     // Longest message a terminated read returns, terminator included (the size of the buffer it
     // returns). A longer message ends the read with nothing.
     static constexpr std::size_t maxMessageLength = static_cast<std::size_t>(QBBuffer::defaultSize);
-    // Backlog of the listening socket. Deeper than a handful so that a burst of connections from
-    // one page does not make the kernel drop a legitimate SYN (and the client wait a second for
-    // its retransmission) while the accept loop catches up.
-    static constexpr int listenBacklog = 128;
+    // Backlog of the listening socket: the system's maximum. A burst of connections (one
+    // program can open them far faster than threads start) then waits in the kernel's queue
+    // instead of having its SYNs dropped, which would make a legitimate client that arrives
+    // during the burst wait a second for its SYN to be sent again.
+    static constexpr int listenBacklog = SOMAXCONN;
     // connectToHost(host, port) waits this many seconds for the connection.
     static constexpr std::int32_t defaultConnectTimeout = 30;
     // A send that must write everything waits at most this long for the peer to make room in
@@ -103,6 +106,10 @@ public:
     QBTCPSocket(std::int32_t existingSocket, std::shared_ptr<QBIPAddress> andAddress,
                 std::int32_t andPort);
     ~QBTCPSocket() override;  // closes an open socket
+
+    // The byte-object reads and writes of QBSocket are not provided: they raise.
+    using QBSocket::readData;
+    using QBSocket::writeData;
 
     // Connects to the first IPv4 address of host; false on every failure (the descriptor is
     // then released), including an absent or empty host and no connection within timeout
@@ -197,7 +204,7 @@ private:
     void internalServeOnData(const std::shared_ptr<QBIPAddress>& address, std::int64_t port,
                              const std::weak_ptr<QBTCPSocketServerDelegate>& delegate);
     bool createWakePipe();
-    void acceptConnection(const std::shared_ptr<ConnectionTable>& table,
+    bool acceptConnection(const std::shared_ptr<ConnectionTable>& table,
                           const std::weak_ptr<QBTCPSocketServerDelegate>& delegate);
     void pauseAccepting();
     bool startConnectionThread(const std::shared_ptr<ConnectionTable>& table,

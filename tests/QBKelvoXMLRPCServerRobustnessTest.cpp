@@ -1,0 +1,107 @@
+// The bridge server against a hostile page: thousands of stalled connections, and header blocks
+// at, past and far past their limit. After each abuse a good request must still be answered.
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <fstream>
+#include <thread>
+
+#include "support/BridgeServerFixture.h"
+#include "support/LogCapture.h"
+#include "support/LoopbackClient.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr int stalledConnections = 2000;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr long residentGrowthBoundKiB = 512 * 1024;  // sanitizers keep large per-thread state
+#else
+constexpr long residentGrowthBoundKiB = 64 * 1024;
+#endif
+
+long residentKiB() {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("VmRSS:")) return std::stol(line.substr(6));
+    }
+    return 0;
+}
+
+// Both ends of every connection live in this process: raise the soft descriptor limit.
+bool allowDescriptors(rlim_t needed) {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return false;
+    limit.rlim_cur = limit.rlim_max;
+    return ::setrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur >= needed;
+}
+
+class BridgeServerRobustnessTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_NE(running.port(), 0); }
+
+    bool answers(const std::string& request) const {
+        LoopbackClient client(running.port());
+        return client.send(request) && client.readResponse().has_value();
+    }
+
+    LogCapture log;
+    RunningBridgeServer running{std::make_shared<FakeBridgeCommands>()};
+};
+
+TEST_F(BridgeServerRobustnessTest, ThousandsOfStalledConnectionsDoNotStarveARequest) {
+    if (!allowDescriptors(2 * stalledConnections + 512)) GTEST_SKIP() << "descriptor limit too low";
+    ASSERT_TRUE(answers(xmlRpcPost(methodCall("state"))));
+    const long residentBefore = residentKiB();
+
+    std::vector<std::unique_ptr<LoopbackClient>> stalled;
+    for (int i = 0; i < stalledConnections; ++i) {
+        auto client = std::make_unique<LoopbackClient>(running.port());
+        ASSERT_TRUE(client->connected()) << i;
+        if (i % 2 == 1) client->send("POST /vpn HTTP/1.1\r\nHost: 127.0.0.1:986\r\nContent-Le");
+        stalled.push_back(std::move(client));
+    }
+
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_TRUE(answers(xmlRpcPost(methodCall("state"))));
+    const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now() - started);
+    const long growth = residentKiB() - residentBefore;
+    RecordProperty("answer_ms", static_cast<int>(waited.count()));
+    RecordProperty("resident_growth_kib", static_cast<int>(growth));
+    std::printf("answered in %lld ms; resident memory grew by %ld KiB with %d stalled connections\n",
+                static_cast<long long>(waited.count()), growth, stalledConnections);
+    EXPECT_LT(growth, residentGrowthBoundKiB);
+    // Threads of connections shut down to make room end soon after; the rest stay within the cap.
+    const auto cap = running.server().settings().connectionLimits.maxConnectionThreads;
+    const auto deadline = std::chrono::steady_clock::now() + 5s;
+    while (running.server().serverSocket()->connectionThreadCount() > cap &&
+           std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(5ms);
+    }
+    EXPECT_LE(running.server().serverSocket()->connectionThreadCount(), cap);
+}
+
+TEST_F(BridgeServerRobustnessTest, HeaderBlockIsLimitedToTheBufferSize) {
+    const auto block = [](size_t total) {
+        const std::string start = "OPTIONS /vpn HTTP/1.1\r\nX-Pad: ";
+        return start + std::string(total - start.size() - 4, 'p') + "\r\n\r\n";
+    };
+    EXPECT_TRUE(answers(block(QBTCPSocket::maxMessageLength)));
+    LoopbackClient client(running.port());
+    ASSERT_TRUE(client.send(block(QBTCPSocket::maxMessageLength + 1)));
+    EXPECT_TRUE(client.closedWithoutReply());
+}
+
+TEST_F(BridgeServerRobustnessTest, MebibyteHeaderWithoutTerminatorEndsTheConnection) {
+    LoopbackClient client(running.port());
+    // The server stops reading long before the end, so the send may fail part-way.
+    client.send("POST /vpn HTTP/1.1\r\nX-Huge: " + std::string(1024 * 1024, 'h'));
+    EXPECT_TRUE(client.closedWithoutReply());
+    EXPECT_TRUE(answers(xmlRpcPost(methodCall("state"))));
+}
+
+}  // namespace
