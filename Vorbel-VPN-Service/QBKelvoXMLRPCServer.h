@@ -69,10 +69,14 @@ public:
         QBTCPSocket::ServerLimits connectionLimits{};
     };
 
-    // The parts of a request's header block that the server looks at.
+    // The parts of a request's header block that the server looks at; views into the block.
     struct RequestHead {
-        std::vector<std::string> requestLine;  // first line split at every white-space character
-        Headers headers;                       // names as sent; the last of equal names wins
+        std::vector<std::string_view> requestLine;  // first line split at every white space
+        // (name, value) of every header line with a colon, in order: the name trimmed of white
+        // space, the value everything after the first colon, untrimmed.
+        std::vector<std::pair<std::string_view, std::string_view>> headers;
+        // Value of the last header named exactly name (a later line replaces an earlier one).
+        std::optional<std::string_view> header(std::string_view name) const;
     };
 
     struct MethodCall {
@@ -126,6 +130,7 @@ public:
     static std::vector<std::string> getAllXMLTags(std::string_view tag, std::string_view inData);
     // Method name and parameters of a call; nullopt without methodCall or methodName content.
     static std::optional<MethodCall> decodeMethodCall(std::string_view body);
+    // Splits a header block; the result refers to headerBlock, which must outlive it.
     static RequestHead parseRequestHead(std::string_view headerBlock);
     static std::string methodResponseDocument(const std::vector<Value>& values);
     static std::string httpReply(std::int32_t status, const Headers& headers, std::string_view content);
