@@ -5,13 +5,16 @@
 # Debian package, as a foreground process with its own prefix and configuration in a temporary
 # directory), both on high loopback ports, and drives each with wrk over keep-alive connections:
 # an OPTIONS preflight and a POST of the XML-RPC call "state", with 1, 8 and 64 connections.
-# Prints requests per second, the 50th and 99th percentile latencies, and ours/nginx.
+# Prints requests per second, the 50th and 99th percentile latencies, the server's CPU time per
+# request (user + system, all its threads or processes), and ours/nginx in requests per second.
+# With REPEAT > 1 each pair of runs is repeated and the run with the median rate is shown: on a
+# shared machine single runs vary a lot, CPU per request much less.
 #
-#   bench/http_load.sh                 # after: cmake --build --preset default
-#   DURATION=10s bench/http_load.sh    # longer runs
+#   bench/http_load.sh                      # after: cmake --build --preset default
+#   REPEAT=3 DURATION=3s bench/http_load.sh
 #
-# Settings (environment): BUILD_DIR (default build/default), DURATION (5s), OURS_PORT (18986),
-# NGINX_PORT (18987), CONNECTIONS ("1 8 64").
+# Settings (environment): BUILD_DIR (default build/default), DURATION (5s), REPEAT (1),
+# OURS_PORT (18986), NGINX_PORT (18987), CONNECTIONS ("1 8 64").
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -20,6 +23,7 @@ duration=${DURATION:-5s}
 ours_port=${OURS_PORT:-18986}
 nginx_port=${NGINX_PORT:-18987}
 connections=${CONNECTIONS:-"1 8 64"}
+repeat=${REPEAT:-1}
 server_bin=$build/bridge-load-server
 
 for tool in wrk nginx curl; do
@@ -90,15 +94,15 @@ wrk.path = "/vpn"
 wrk.headers["Content-Type"] = "text/xml"
 wrk.body = '$call'
 EOF
-# Appended to both scripts: one machine-readable line with req/s, p50 and p99 in microseconds
-# and the count of errors (socket errors and non-2xx answers).
+# Appended to both scripts: one machine-readable line with req/s, p50 and p99 in microseconds,
+# the count of errors (socket errors and non-2xx answers) and the count of requests.
 for script in options post; do
     cat >> "$work/$script.lua" <<'EOF'
 function done(summary, latency, requests)
     local e = summary.errors
-    io.write(string.format("RESULT %.0f %.0f %.0f %d\n",
+    io.write(string.format("RESULT %.0f %.0f %.0f %d %d\n",
         summary.requests / (summary.duration / 1e6), latency:percentile(50), latency:percentile(99),
-        e.connect + e.read + e.write + e.status + e.timeout))
+        e.connect + e.read + e.write + e.status + e.timeout, summary.requests))
 end
 EOF
 done
@@ -128,19 +132,38 @@ if [ "$ours_body" != "$nginx_body" ]; then
     exit 1
 fi
 
-run() {  # script port connections -> "req/s p50 p99 errors"
-    local threads=$(( $3 < 2 ? 1 : 2 ))
-    wrk -t"$threads" -c"$3" -d"$duration" -s "$work/$1.lua" "http://127.0.0.1:$2/vpn" | awk '/^RESULT/ {print $2, $3, $4, $5}'
+cpu_ticks() {  # user + system clock ticks of a process and its children processes
+    local total=0 pid
+    for pid in "$1" $(pgrep -P "$1" || true); do
+        total=$(( total + $(awk '{print $14 + $15}' "/proc/$pid/stat") ))
+    done
+    echo "$total"
+}
+ticks_per_second=$(getconf CLK_TCK)
+
+run_once() {  # script port pid connections -> "req/s p50 p99 errors cpu-us-per-request"
+    local threads=$(( $4 < 2 ? 1 : 2 )) before after
+    before=$(cpu_ticks "$3")
+    local result
+    result=$(wrk -t"$threads" -c"$4" -d"$duration" -s "$work/$1.lua" "http://127.0.0.1:$2/vpn" | awk '/^RESULT/')
+    after=$(cpu_ticks "$3")
+    echo "$result" | awk -v t=$(( after - before )) -v hz="$ticks_per_second" \
+        '{ printf "%s %s %s %s %.1f\n", $2, $3, $4, $5, ($6 > 0 ? t * 1e6 / hz / $6 : 0) }'
 }
 
-printf '%-8s %5s | %10s %8s %8s | %10s %8s %8s | %6s\n' request conns "ours rq/s" "p50 us" "p99 us" "nginx rq/s" "p50 us" "p99 us" ratio
+run() {  # script port pid connections -> the run with the median rate of REPEAT runs
+    for _ in $(seq "$repeat"); do run_once "$@"; done | sort -n | awk '{ line[NR] = $0 } END { print line[int((NR + 1) / 2)] }'
+}
+
+printf '%-7s %5s | %9s %6s %6s %6s | %9s %6s %6s %6s | %5s\n' request conns \
+    "ours rq/s" "p50us" "p99us" "cpu/rq" "nginx" "p50us" "p99us" "cpu/rq" ratio
 for script in options post; do
     for count in $connections; do
-        read -r our_rate our_p50 our_p99 our_errors < <(run "$script" "$ours_port" "$count")
-        read -r ng_rate ng_p50 ng_p99 ng_errors < <(run "$script" "$nginx_port" "$count")
+        read -r our_rate our_p50 our_p99 our_errors our_cpu < <(run "$script" "$ours_port" "$ours_pid" "$count")
+        read -r ng_rate ng_p50 ng_p99 ng_errors ng_cpu < <(run "$script" "$nginx_port" "$nginx_pid" "$count")
         ratio=$(awk -v a="$our_rate" -v b="$ng_rate" 'BEGIN { printf "%.2f", (b > 0 ? a / b : 0) }')
-        printf '%-8s %5s | %10s %8s %8s | %10s %8s %8s | %6s\n' "$script" "$count" \
-            "$our_rate" "$our_p50" "$our_p99" "$ng_rate" "$ng_p50" "$ng_p99" "$ratio"
+        printf '%-7s %5s | %9s %6s %6s %6s | %9s %6s %6s %6s | %5s\n' "$script" "$count" \
+            "$our_rate" "$our_p50" "$our_p99" "$our_cpu" "$ng_rate" "$ng_p50" "$ng_p99" "$ng_cpu" "$ratio"
         if [ "$our_errors" != 0 ] || [ "$ng_errors" != 0 ]; then
             echo "  errors: ours $our_errors, nginx $ng_errors" >&2
         fi

@@ -19,10 +19,10 @@
 // Resource bounds of a server (the peer may be any web page, which can open thousands of
 // connections): at most ServerLimits::maxConnectionThreads connection threads run at once, each
 // with a small stack. When all are taken, the connection that has waited longest for its next
-// message (inside a terminated read: an idle or half-sent request) is shut down to make room;
-// when every thread is busy with a request, the new connection is closed at once. When serving
-// ends, the server shuts down its remaining connections and waits, for a bounded time, until
-// their threads have finished.
+// message (one not yet read from, or inside a terminated read: an idle or half-sent request) is
+// shut down to make room; when every thread is busy with a request, the new connection is
+// closed at once. When serving ends, the server shuts down its remaining connections and
+// waits, for a bounded time, until their threads have finished.
 //
 // Threads: a connection object is used by one thread at a time (its handler's). A server's
 // serve runs on one thread; shutdownServer(), localPort() and connectionThreadCount() may be
