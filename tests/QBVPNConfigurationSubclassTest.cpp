@@ -54,7 +54,7 @@ class StrictConfiguration : public InlineBlockConfiguration {
 
 }  // namespace
 
-TEST(QBVPNConfigurationSpecialisationTest, InlineBlocksLoadAsBlocksNotCommands) {
+TEST(QBVPNConfigurationSubclassTest, InlineBlocksLoadAsBlocksNotCommands) {
     const auto document =
         QBVPNConfiguration::configurationWithFile<InlineBlockConfiguration>(samplePath);
     EXPECT_EQ(document->getMultilineCommand("ca"),
@@ -69,7 +69,7 @@ TEST(QBVPNConfigurationSpecialisationTest, InlineBlocksLoadAsBlocksNotCommands) 
     EXPECT_EQ(document->getCommands("remote")->size(), 3u);
 }
 
-TEST(QBVPNConfigurationSpecialisationTest, EachLoadReplacesTheBlocksAndDropsUnfinishedOnes) {
+TEST(QBVPNConfigurationSubclassTest, EachLoadReplacesTheBlocksAndDropsUnfinishedOnes) {
     InlineBlockConfiguration document;
     document.parseRawData("<ca>\nfirst\n</ca>\n");
     document.parseRawData("<key>\n# not a comment here\n</key>\n<cert>\nremote never\n");
@@ -86,7 +86,7 @@ TEST(QBVPNConfigurationSpecialisationTest, EachLoadReplacesTheBlocksAndDropsUnfi
     EXPECT_EQ(document.getMultilineCommand("ca"), "\nA\n\n");
 }
 
-TEST(QBVPNConfigurationSpecialisationTest,
+TEST(QBVPNConfigurationSubclassTest,
      BlocksAreWrittenAfterCommandsAndGainALineFeedPerRoundTrip) {
     InlineBlockConfiguration document;
     document.parseRawData("REMOTE a.example\n<ca>\nline one\nline two\n</ca>\n");
@@ -107,7 +107,7 @@ TEST(QBVPNConfigurationSpecialisationTest,
               std::string(QBVPNConfiguration::generatedHeader));
 }
 
-TEST(QBVPNConfigurationSpecialisationTest, StrictDocumentIgnoresUnknownNamesEverywhere) {
+TEST(QBVPNConfigurationSubclassTest, StrictDocumentIgnoresUnknownNamesEverywhere) {
     StrictConfiguration document;
     document.parseRawData("Remote a\nverb 3\n#lumentide name X\n#lumentide autoconnect yes\n");
     document.setCommand("cipher", {"AES-256-GCM"});
