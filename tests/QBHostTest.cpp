@@ -28,9 +28,8 @@ Texts texts(const std::optional<AddressList>& addresses) {
 // Answers from fixed per-version tables and records every name and version asked.
 struct FakeResolver {
     std::optional<AddressList> v4, v6, both;
-    std::vector<std::string> names;
+    Texts names;
     std::vector<std::int64_t> versions;
-
     QBHost::Resolver hook() {
         return [this](const std::string& name, std::int64_t version) {
             names.push_back(name);
@@ -74,11 +73,8 @@ TEST(QBHostTest, DomainNameHasNoAddressUntilAskedAndIsResolvedInIDNAForm) {
     EXPECT_EQ(host.address()->address(), "192.0.2.1");
     const auto random = host.randomAddress()->address();
     EXPECT_TRUE(random == "192.0.2.1" || random == "192.0.2.2") << *random;  // IPv4 preferred
-    // Both lists are filled: nothing is looked up again.
-    host.addresses();
-    host.addressesIPv4();
-    host.addressesIPv6();
-    EXPECT_EQ(fake.versions.size(), 1u);
+    host.addresses(), host.addressesIPv4(), host.addressesIPv6();
+    EXPECT_EQ(fake.versions.size(), 1u);  // both lists filled: nothing is looked up again
 }
 
 TEST(QBHostTest, UnfoundFamiliesAreLookedUpAgainUntilFound) {
@@ -90,8 +86,7 @@ TEST(QBHostTest, UnfoundFamiliesAreLookedUpAgainUntilFound) {
     EXPECT_EQ(host.address(), nullptr);
     fake.both = list({"2001:db8::1", "2001:db8::2"});
     EXPECT_EQ(texts(host.addresses()), (Texts{"2001:db8::1", "2001:db8::2"}));
-    EXPECT_EQ(texts(host.addresses()),
-              (Texts{"2001:db8::1", "2001:db8::2"}));  // asks for IPv4 only
+    EXPECT_EQ(texts(host.addresses()), (Texts{"2001:db8::1", "2001:db8::2"}));  // asks for IPv4
     EXPECT_EQ(host.randomAddress()->ipVersion(), 6);
     EXPECT_EQ(fake.versions, (std::vector<std::int64_t>{0, 4, 0, 4}));
 

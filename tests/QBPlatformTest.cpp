@@ -11,15 +11,10 @@
 
 namespace {
 
-void writeFile(const std::string& path, const std::string& content) {
-    std::ofstream(path, std::ios::binary) << content;
-}
-
 std::string xmlPlist(const std::string& version) {
     return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>\n"
            "<key>ProductName</key><string>Mac OS X</string>\n"
-           "<key>ProductVersion</key><string>" +
-           version + "</string>\n</dict></plist>\n";
+           "<key>ProductVersion</key><string>" + version + "</string>\n</dict></plist>\n";
 }
 
 std::string binaryPlist(const std::string& version) {
@@ -37,6 +32,9 @@ std::string binaryPlist(const std::string& version) {
 class QBPlatformSourceTest : public ::testing::Test {
   protected:
     std::string read() { return QBPlatform::readOperatingSystemVersion(plist, osRelease); }
+    static void write(const std::string& path, const std::string& content) {
+        std::ofstream(path, std::ios::binary) << content;
+    }
     TempDir dir;
     std::string plist = dir.file("SystemVersion.plist");
     std::string osRelease = dir.file("os-release");
@@ -45,20 +43,18 @@ class QBPlatformSourceTest : public ::testing::Test {
 }  // namespace
 
 TEST_F(QBPlatformSourceTest, PropertyListVersionInEitherEncodingIsPaddedToThreeParts) {
-    const std::pair<std::string, std::string> cases[] = {{"10.15.7", "10.15.7"},
-                                                         {"11.2", "11.2.0"},
-                                                         {"10.x.7", "10.0.7"},
-                                                         {"13.1.2.9", "13.1.2"},
-                                                         {"", "0.0.0"}};
+    const std::pair<std::string, std::string> cases[] = {
+        {"10.15.7", "10.15.7"}, {"11.2", "11.2.0"}, {"10.x.7", "10.0.7"},
+        {"13.1.2.9", "13.1.2"}, {"", "0.0.0"}};
     for (const auto& [productVersion, expected] : cases) {
-        writeFile(plist, xmlPlist(productVersion));
+        write(plist, xmlPlist(productVersion));
         EXPECT_EQ(read(), expected) << "xml " << productVersion;
-        writeFile(plist, binaryPlist(productVersion));
+        write(plist, binaryPlist(productVersion));
         EXPECT_EQ(read(), expected) << "binary " << productVersion;
     }
     // A property list that exists is the source even when it is unusable.
-    writeFile(osRelease, "VERSION_ID=\"12\"\n");
-    writeFile(plist, "not a property list");
+    write(osRelease, "VERSION_ID=\"12\"\n");
+    write(plist, "not a property list");
     EXPECT_EQ(read(), "0.0.0");
 }
 
@@ -66,13 +62,11 @@ TEST_F(QBPlatformSourceTest, OsReleaseVersionIdIsReadWhenThereIsNoPropertyList) 
     EXPECT_EQ(read(), "0.0.0");  // neither source
     const std::pair<std::string, std::string> cases[] = {
         {"NAME=\"Debian GNU/Linux\"\nVERSION_ID=\"12\"\nID=debian\n", "12.0.0"},
-        {"VERSION_ID=22.04\n", "22.4.0"},
-        {"VERSION_ID='3.18.4'\n", "3.18.4"},
+        {"VERSION_ID=22.04\n", "22.4.0"}, {"VERSION_ID='3.18.4'\n", "3.18.4"},
         {"ID=debian\r\nVERSION_ID=\"11\"\r\n", "11.0.0"},
-        {"PRETTY_NAME=\"Debian GNU/Linux trixie/sid\"\nMY_VERSION_ID=9\n", "0.0.0"},
-    };
+        {"PRETTY_NAME=\"Debian GNU/Linux trixie/sid\"\nMY_VERSION_ID=9\n", "0.0.0"}};
     for (const auto& [content, expected] : cases) {
-        writeFile(osRelease, content);
+        write(osRelease, content);
         EXPECT_EQ(read(), expected) << content;
     }
 }
@@ -91,37 +85,25 @@ TEST(QBPlatformTest, RunningVersionIsReadOnceAndWellFormed) {
 }
 
 TEST(QBPlatformTest, NumericComparisonOrdersDigitRunsByValue) {
-    const struct {
-        const char* a;
-        const char* b;
-        int order;
-    } cases[] = {
-        {"10.9", "10.15", -1},
-        {"10.15.7", "10.15.7.1", -1},
-        {"10.15.07", "10.15.7", 0},
+    const std::tuple<const char*, const char*, int> cases[] = {
+        {"10.9", "10.15", -1}, {"10.15.7", "10.15.7.1", -1}, {"10.15.07", "10.15.7", 0},
         {"1.0a", "1.0b", -1},
-        {"99999999999999999999", "100000000000000000000", -1},  // beyond 64 bits
-    };
+        {"99999999999999999999", "100000000000000000000", -1}};  // beyond 64 bits
     const auto sign = [](int v) { return (v > 0) - (v < 0); };
-    for (const auto& c : cases) {
-        EXPECT_EQ(sign(QBPlatform::compareNumeric(c.a, c.b)), c.order) << c.a << " vs " << c.b;
-        EXPECT_EQ(sign(QBPlatform::compareNumeric(c.b, c.a)), -c.order) << c.b << " vs " << c.a;
+    for (const auto& [a, b, order] : cases) {
+        EXPECT_EQ(sign(QBPlatform::compareNumeric(a, b)), order) << a << " vs " << b;
+        EXPECT_EQ(sign(QBPlatform::compareNumeric(b, a)), -order) << b << " vs " << a;
     }
 }
 
 TEST(QBPlatformTest, ComparisonsWithARunningVersion) {
-    const struct {
-        const char* given;
-        bool atLeast;
-        bool equal;
-    } cases[] = {
-        {"10", true, true},      {"10.9", true, false},      {"10.15", true, true},
-        {"10.15.7", true, true}, {"10.15.07", true, false},  {"10.15.8", false, false},
-        {"11", false, false},    {"10.15.7.1", false, true}, {"9.99.99", true, false},
-        {"", true, false},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(QBPlatform::isVersionAtLeast("10.15.7", c.given), c.atLeast) << c.given;
-        EXPECT_EQ(QBPlatform::isVersionEqualTo("10.15.7", c.given), c.equal) << c.given;
+    const std::tuple<const char*, bool, bool> cases[] = {  // given, at least, equal
+        {"10", true, true},       {"10.9", true, false},     {"10.15", true, true},
+        {"10.15.7", true, true},  {"10.15.07", true, false}, {"10.15.8", false, false},
+        {"11", false, false},     {"10.15.7.1", false, true}, {"9.99.99", true, false},
+        {"", true, false}};
+    for (const auto& [given, atLeast, equal] : cases) {
+        EXPECT_EQ(QBPlatform::isVersionAtLeast("10.15.7", given), atLeast) << given;
+        EXPECT_EQ(QBPlatform::isVersionEqualTo("10.15.7", given), equal) << given;
     }
 }

@@ -11,23 +11,21 @@ namespace {
 using Parameters = QBVPNConfiguration::Parameters;
 using Occurrences = QBVPNConfiguration::Occurrences;
 
-const std::string samplePath = std::string(QB_SOURCE_DIR) + "/tests/data/office-profile.ovpn";
+std::shared_ptr<QBVPNConfiguration> load(std::string_view text) {
+    return QBVPNConfiguration::configurationWithData(text, std::nullopt);
+}
 
 }  // namespace
 
 TEST(QBVPNConfigurationDocumentTest, RepeatedCommandsKeepEveryOccurrenceInFileOrder) {
-    const auto document = QBVPNConfiguration::configurationWithData(
-        "remote a.example 1194\nverb 3\nremote b.example\nremote c.example 443 udp\n",
-        std::nullopt);
+    const auto document =
+        load("remote a.example 1194\nverb 3\nremote b.example\nremote c.example 443 udp\nnobind\n");
     EXPECT_EQ(document->getCommands("remote"),
               (Occurrences{{"a.example", "1194"}, {"b.example"}, {"c.example", "443", "udp"}}));
     EXPECT_EQ(document->getCommand("remote"), (Parameters{"c.example", "443", "udp"}));
     EXPECT_EQ(document->getFirstParameterForCommand("remote"), "c.example");
     EXPECT_EQ(document->getCommand("Remote"), std::nullopt);  // names are case-sensitive
-}
-
-TEST(QBVPNConfigurationDocumentTest, CommandWithoutParametersExistsWithEmptyOccurrence) {
-    const auto document = QBVPNConfiguration::configurationWithData("nobind\n", std::nullopt);
+    // A command without parameters exists with one empty occurrence.
     EXPECT_TRUE(document->commandExists("nobind"));
     EXPECT_EQ(document->getCommands("nobind"), (Occurrences{{}}));
     EXPECT_EQ(document->getFirstParameterForCommand("nobind"), std::nullopt);
@@ -37,30 +35,22 @@ TEST(QBVPNConfigurationDocumentTest, CommandWithoutParametersExistsWithEmptyOccu
 }
 
 TEST(QBVPNConfigurationDocumentTest, MetaCommandLinesNeedThePrefixAtTheFirstUnit) {
-    const auto document = QBVPNConfiguration::configurationWithData(
-        "#lumentide name Office VPN # the display name\n"
-        "#lumentideprotocol tcp\n"
-        " #lumentide indented is-a-comment\n"
-        "#lumentide\n"
-        "#Lumentide case matters\n",
-        std::nullopt);
+    const auto document = load(
+        "#lumentide name Office VPN # the display name\n#lumentideprotocol tcp\n"
+        " #lumentide indented is-a-comment\n#lumentide\n#Lumentide case matters\n");
     EXPECT_EQ(document->getMetaCommand("name"), (Parameters{"Office", "VPN"}));
     EXPECT_EQ(document->getMetaCommand("protocol"), (Parameters{"tcp"}));
     EXPECT_FALSE(document->metaCommandExists("indented"));
     EXPECT_FALSE(document->metaCommandExists("case"));
     EXPECT_EQ(document->displayName(), "Office VPN");
-    EXPECT_FALSE(
-        document->commandExists("#lumentide"));  // meta lines never reach the command store
+    EXPECT_FALSE(document->commandExists("#lumentide"));  // never in the command store
 }
 
 TEST(QBVPNConfigurationDocumentTest, CRLFAndOtherLineBreaksLoadLikeLF) {
-    const std::string lf = "remote a 1\n#lumentide name X\nverb 3\n";
-    const std::string crlf = "remote a 1\r\n#lumentide name X\r\nverb 3\r\n";
-    const std::string unicodeBreaks = "remote a 1\xC2\x85#lumentide name X\xE2\x80\xA9verb 3";
-    const auto reference = QBVPNConfiguration::configurationWithData(lf, std::nullopt);
-    for (const auto& text : {crlf, unicodeBreaks}) {
-        const auto document = QBVPNConfiguration::configurationWithData(text, std::nullopt);
-        EXPECT_EQ(document->generateRawConfigurationData(),
+    const auto reference = load("remote a 1\n#lumentide name X\nverb 3\n");
+    for (const char* text : {"remote a 1\r\n#lumentide name X\r\nverb 3\r\n",
+                             "remote a 1\xC2\x85#lumentide name X\xE2\x80\xA9verb 3"}) {
+        EXPECT_EQ(load(text)->generateRawConfigurationData(),
                   reference->generateRawConfigurationData());
     }
 }
@@ -93,20 +83,15 @@ TEST(QBVPNConfigurationDocumentTest, LoadingAddsToTheStoresAndSetReplaces) {
 TEST(QBVPNConfigurationDocumentTest, OverlongLinesAreSkippedAndMetaLimitExcludesThePrefix) {
     const auto limit = static_cast<std::size_t>(QBVPNConfiguration::defaultMaxLineLength);
     const std::string longWord(limit - 6, 'x');  // " name " + word fills the limit exactly
-    const std::string overlong = "verb " + std::string(limit - 4, 'v');  // 1,025 units
-    const std::string meta = "#lumentide name " + longWord;              // 1,034 units
-    const std::string text = overlong + "\nremote next\n" + meta + "\n";
-    const auto document = QBVPNConfiguration::configurationWithData(text, std::nullopt);
+    const auto document = load("verb " + std::string(limit - 4, 'v') +  // 1,025 units
+                               "\nremote next\n#lumentide name " + longWord + "\n");
     EXPECT_FALSE(document->commandExists("verb"));
     EXPECT_EQ(document->getCommand("remote"), (Parameters{"next"}));
     EXPECT_EQ(document->getMetaCommand("name"), (Parameters{longWord}));
 }
 
 TEST(QBVPNConfigurationDocumentTest, InvalidUTF8TextOrUnreadableFileLoadsNothing) {
-    const auto fromText =
-        QBVPNConfiguration::configurationWithData("remote a\n\xff\n", std::nullopt);
-    EXPECT_FALSE(fromText->commandExists("remote"));
-
+    EXPECT_FALSE(load("remote a\n\xff\n")->commandExists("remote"));
     TempDir directory;
     std::ofstream(directory.file("bad.ovpn")) << "remote a\n\xc3\n";
     for (const auto& path :
@@ -128,27 +113,21 @@ TEST(QBVPNConfigurationDocumentTest, BlockStoreIsAbsentUntilSetAndAfterRemoveAll
 }
 
 TEST(QBVPNConfigurationDocumentTest, PathHelpersNameTheFolderThatHoldsTheFile) {
-    struct Case {
-        std::optional<std::string> path;
-        std::optional<std::string> parent;
-        std::optional<std::string> connectionID;
-    };
-    const Case cases[] = {
+    using Text = std::optional<std::string>;
+    const std::tuple<Text, Text, Text> cases[] = {
         {"/home/u/Connections/office-1/config.ovpn", "/home/u/Connections/office-1", "office-1"},
-        {"/config.ovpn", "/", "/"},
-        {"config.ovpn", "", ""},
-        {std::nullopt, std::nullopt, std::nullopt},
-    };
-    for (const auto& c : cases) {
-        const auto document = QBVPNConfiguration::configurationWithData("", c.path);
-        EXPECT_EQ(document->getFilePath(), c.path);
-        EXPECT_EQ(document->getSavePathParentDirectory(), c.parent) << c.path.value_or("(none)");
-        EXPECT_EQ(document->getConnectionID(), c.connectionID) << c.path.value_or("(none)");
+        {"/config.ovpn", "/", "/"}, {"config.ovpn", "", ""}, {{}, {}, {}}};
+    for (const auto& [path, parent, connectionID] : cases) {
+        const auto document = QBVPNConfiguration::configurationWithData("", path);
+        EXPECT_EQ(document->getFilePath(), path);
+        EXPECT_EQ(document->getSavePathParentDirectory(), parent) << path.value_or("(none)");
+        EXPECT_EQ(document->getConnectionID(), connectionID) << path.value_or("(none)");
     }
 }
 
 TEST(QBVPNConfigurationDocumentTest, SampleProfileLoadsWithoutBlockRecognition) {
-    const auto document = QBVPNConfiguration::configurationWithFile(samplePath);
+    const auto document = QBVPNConfiguration::configurationWithFile(
+        std::string(QB_SOURCE_DIR) + "/tests/data/office-profile.ovpn");
     EXPECT_EQ(document->displayName(), "Office Tunnel");
     EXPECT_EQ(document->getMetaCommand("autoconnect"), (Parameters{"yes"}));
     EXPECT_EQ(document->getCommands("remote"),
