@@ -101,21 +101,15 @@ TEST(QBBufferTest, StringReadsEndAtZeroByteAndRejectInvalidUTF8) {
 }
 
 TEST(QBBufferTest, TerminatedStringReadsThroughTheTerminator) {
-    const struct {
-        std::string data;
-        char terminator;
-        std::optional<std::string> text;
-        std::string rest;
-    } cases[] = {{"ab\ncd", '\n', "ab\n", "cd"},
-                 {"abcd", '\n', std::nullopt, "abcd"},
-                 {"\nab", '\n', "\n", "ab"},
-                 {std::string("ab\0cd", 5), '\0', "ab", "cd"},
-                 {"a\xff" "b", '\xff', std::nullopt, "b"}};  // found, but not UTF-8
-    for (const auto& c : cases) {
+    using Case = std::tuple<std::string, char, std::optional<std::string>, std::string>;
+    for (const auto& [data, terminator, text, rest] :
+         {Case{"ab\ncd", '\n', "ab\n", "cd"}, Case{"abcd", '\n', std::nullopt, "abcd"},
+          Case{"\nab", '\n', "\n", "ab"}, Case{std::string("ab\0cd", 5), '\0', "ab", "cd"},
+          Case{"a\xff" "b", '\xff', std::nullopt, "b"}}) {  // found, but not UTF-8
         auto buffer = bufferWithHeadAt(8, 6);
-        buffer->writeString(c.data);
-        EXPECT_EQ(buffer->readStringTerminatedBy(c.terminator), c.text) << c.data;
-        EXPECT_EQ(contents(*buffer), bytesOf(c.rest)) << c.data;
+        buffer->writeString(data);
+        EXPECT_EQ(buffer->readStringTerminatedBy(terminator), text) << data;
+        EXPECT_EQ(contents(*buffer), bytesOf(rest)) << data;
     }
 }
 

@@ -17,20 +17,16 @@ const sockaddr* asSockAddr(const void* address) { return static_cast<const socka
 }  // namespace
 
 TEST(QBIPAddressTest, TextFormsGiveVersionAndCanonicalText) {
-    const struct {
-        std::string text;
-        std::int64_t version;
-        std::string address;
-    } cases[] = {{"127.94.0.1", 4, "127.94.0.1"},  {"::1", 6, "::1"},
-                 {"2001:0DB8:0000:0000::0001", 6, "2001:db8::1"},
-                 {"::ffff:1.2.3.4", 6, "::ffff:1.2.3.4"}, {"0xffffff00", 4, "255.255.255.0"},
-                 {"12345678", 4, "18.52.86.120"}};  // eight decimal digits are hexadecimal too
-    for (const auto& c : cases) {
-        const QBIPAddress address(c.text);
-        EXPECT_EQ(address.ipVersion(), c.version) << c.text;
-        EXPECT_TRUE(address.isValid()) << c.text;
-        EXPECT_EQ(address.address(), c.address) << c.text;
-        EXPECT_EQ(address.description(), c.address) << c.text;
+    const std::tuple<std::string, std::int64_t, std::string> cases[] = {
+        {"127.94.0.1", 4, "127.94.0.1"}, {"::1", 6, "::1"}, {"::ffff:1.2.3.4", 6, "::ffff:1.2.3.4"},
+        {"2001:0DB8:0000:0000::0001", 6, "2001:db8::1"}, {"0xffffff00", 4, "255.255.255.0"},
+        {"12345678", 4, "18.52.86.120"}};  // eight decimal digits are hexadecimal too
+    for (const auto& [text, version, canonical] : cases) {
+        const QBIPAddress address(text);
+        EXPECT_EQ(address.ipVersion(), version) << text;
+        EXPECT_TRUE(address.isValid()) << text;
+        EXPECT_EQ(address.address(), canonical) << text;
+        EXPECT_EQ(address.description(), canonical) << text;
     }
 }
 
@@ -60,9 +56,8 @@ TEST(QBIPAddressTest, HexFormatToDecimalConvertsOnlyEightLowercaseHexDigits) {
         {"0x\xc3\xa9" "1234567", "\xc3\xa9" "1234567"},
         {"0x\xf0\x9f\x98\x80" "123456", "\xf0\x9f\x98\x80" "123456"},
         {"0x\xc3\xa9" "123456", "0x\xc3\xa9" "123456"}};  // ten bytes, fewer units: kept
-    for (const auto& [text, expected] : cases) {
+    for (const auto& [text, expected] : cases)
         EXPECT_EQ(QBIPAddress::hexFormatToDecimal(text), expected) << text;
-    }
 }
 
 TEST(QBIPAddressTest, SetAddressReplacesOrInvalidates) {
