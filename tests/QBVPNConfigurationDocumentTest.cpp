@@ -49,10 +49,9 @@ TEST(QBVPNConfigurationDocumentTest, MetaCommandLinesNeedThePrefixAtTheFirstUnit
 TEST(QBVPNConfigurationDocumentTest, CRLFAndOtherLineBreaksLoadLikeLF) {
     const auto reference = load("remote a 1\n#lumentide name X\nverb 3\n");
     for (const char* text : {"remote a 1\r\n#lumentide name X\r\nverb 3\r\n",
-                             "remote a 1\xC2\x85#lumentide name X\xE2\x80\xA9verb 3"}) {
+                             "remote a 1\xC2\x85#lumentide name X\xE2\x80\xA9verb 3"})
         EXPECT_EQ(load(text)->generateRawConfigurationData(),
                   reference->generateRawConfigurationData());
-    }
 }
 
 TEST(QBVPNConfigurationDocumentTest, LoadingAddsToTheStoresAndSetReplaces) {
@@ -95,9 +94,8 @@ TEST(QBVPNConfigurationDocumentTest, InvalidUTF8TextOrUnreadableFileLoadsNothing
     TempDir directory;
     std::ofstream(directory.file("bad.ovpn")) << "remote a\n\xc3\n";
     for (const auto& path :
-         {directory.file("bad.ovpn"), directory.file("missing.ovpn"), directory.path()}) {
+         {directory.file("bad.ovpn"), directory.file("missing.ovpn"), directory.path()})
         EXPECT_FALSE(QBVPNConfiguration::configurationWithFile(path)->getUnknownCommands());
-    }
 }
 
 TEST(QBVPNConfigurationDocumentTest, BlockStoreIsAbsentUntilSetAndAfterRemoveAll) {
@@ -131,8 +129,7 @@ TEST(QBVPNConfigurationDocumentTest, SampleProfileLoadsWithoutBlockRecognition) 
     EXPECT_EQ(document->displayName(), "Office Tunnel");
     EXPECT_EQ(document->getMetaCommand("autoconnect"), (Parameters{"yes"}));
     EXPECT_EQ(document->getCommands("remote"),
-              (Occurrences{{"vpn1.office.example", "1194"},
-                           {"vpn2.office.example", "1194"},
+              (Occurrences{{"vpn1.office.example", "1194"}, {"vpn2.office.example", "1194"},
                            {"backup site.office.example", "443"}}));
     EXPECT_EQ(document->getCommand("setenv"),
               (Parameters{"FRIENDLY_NAME", "Office \"main\" tunnel"}));
