@@ -1,6 +1,8 @@
 #include "QBIPAddress.h"
 
 #include <arpa/inet.h>
+#include <unicode/utf16.h>
+#include <unicode/utf8.h>
 
 #include <cstdio>
 #include <cstring>
@@ -25,6 +27,25 @@ const void* addressBytes(const sockaddr_storage& storage, std::int64_t version) 
 }
 
 int familyOf(std::int64_t version) { return version == 6 ? AF_INET6 : AF_INET; }
+
+// Length of UTF-8 text in UTF-16 code units, the unit in which the "0x" rule counts characters.
+// A malformed sequence counts as one unit (such text is never an address anyway).
+std::size_t utf16Length(std::string_view text) {
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
+    const auto length = static_cast<std::int32_t>(text.size());
+    std::size_t units = 0;
+    for (std::int32_t i = 0; i < length;) {
+        UChar32 c;
+        U8_NEXT(bytes, i, length, c);
+        units += c < 0 ? 1 : U16_LENGTH(c);
+    }
+    return units;
+}
+
+// "0x" and eight hexadecimal digits, counted in UTF-16 code units.
+constexpr std::size_t hexNetmaskWithPrefixLength = 10;
+// No UTF-16 code unit takes more than three UTF-8 bytes, so longer texts need not be measured.
+constexpr std::size_t hexNetmaskWithPrefixMaxBytes = 3 * hexNetmaskWithPrefixLength;
 
 }  // namespace
 
@@ -75,7 +96,10 @@ std::shared_ptr<QBIPAddress> QBIPAddress::ipAddressWithAddressBytes(
 }
 
 std::string QBIPAddress::hexFormatToDecimal(std::string_view text) {
-    if (text.size() == 10 && text.substr(0, 2) == "0x") text.remove_prefix(2);
+    if (text.substr(0, 2) == "0x" && text.size() >= hexNetmaskWithPrefixLength &&
+        text.size() <= hexNetmaskWithPrefixMaxBytes && utf16Length(text) == hexNetmaskWithPrefixLength) {
+        text.remove_prefix(2);
+    }
     if (text.size() != 8) return std::string(text);
     for (char c : text) {
         if (!isLowercaseHexDigit(c)) return std::string(text);
@@ -143,6 +167,10 @@ std::optional<std::string> QBIPAddress::arpaAddress() const {
         return name;
     }
     return std::nullopt;
+}
+
+bool QBIPAddress::isEqual(const QBIPAddress* other) const {
+    return other == this || isEqualToIPAddress(other);
 }
 
 bool QBIPAddress::isEqualToIPAddress(const QBIPAddress* other) const {

@@ -3,10 +3,16 @@
 //
 // Made from text (dotted decimal, IPv6 text, or an IPv4 netmask written as eight lowercase
 // hexadecimal digits with or without "0x"), from a socket address or from raw address bytes.
-// Address bytes are kept in network byte order inside a sockaddr_storage. Two objects are
-// equal when their address texts are equal (two objects without an address are not equal).
+// Address bytes are kept in network byte order inside a sockaddr_storage. Setting from text
+// writes only the address bytes: the family and port fields keep what they held (zero for an
+// object made without a socket address), so users of getSockAddr() read the address bytes only.
+// Two objects are equal when their address texts are equal; two objects without an address are
+// not equal, except that an object is always equal to itself (isEqual, operator==).
+// Text containing a zero byte is not an address.
 //
 // Threads: a value object; not changed after set-up, so any thread may read a built object.
+//
+//   QBIPAddress mask("0xffffff00");   // ipVersion() 4, address() "255.255.255.0"
 
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -48,14 +54,20 @@ public:
 
     // Whether text parses as an address of the given version (4 accepts the hex netmask form).
     static bool isValidAddress(std::string_view text, std::int64_t ipVersion);
-    // "ffffff00" or "0xffffff00" -> "255.255.255.0"; other text comes back (without a leading
-    // "0x" when it is 10 characters long).
+    // "ffffff00" or "0xffffff00" -> "255.255.255.0" (any eight lowercase hexadecimal digits are
+    // converted); other text comes back unchanged, except that a leading "0x" is dropped when
+    // the text is 10 UTF-16 code units long.
     static std::string hexFormatToDecimal(std::string_view text);
 
+    // Whether both have an address and their texts are equal; false for a null other.
     bool isEqualToIPAddress(const QBIPAddress* other) const;
-    bool operator==(const QBIPAddress& other) const { return isEqualToIPAddress(&other); }
+    // True for the object itself, otherwise isEqualToIPAddress (a network compares by address).
+    bool isEqual(const QBIPAddress* other) const;
+    bool operator==(const QBIPAddress& other) const { return isEqual(&other); }
+    // Hash of the address text (of the empty text when there is none): equal objects hash alike.
     std::size_t hash() const;
-    std::optional<std::string> description() const { return address(); }
+    // The address text (a network gives its address/mask text), or nullopt when invalid.
+    virtual std::optional<std::string> description() const { return address(); }
 
 protected:
     sockaddr_storage addr{};

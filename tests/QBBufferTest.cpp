@@ -30,8 +30,8 @@ std::unique_ptr<QBBuffer> bufferWithHeadAt(std::int64_t size, std::int64_t head)
 }  // namespace
 
 TEST(QBBufferTest, CapacityIsFixedAtCreation) {
-    for (auto [requested, expected] : {std::pair<std::int64_t, std::int64_t>{-1, 65536},
-                                       {-4096, 65536}, {0, 0}, {4, 4}}) {
+    for (auto [requested, expected] :
+         {std::pair<std::int64_t, std::int64_t>{-1, 65536}, {-4096, 65536}, {0, 0}, {4, 4}}) {
         auto buffer = QBBuffer::initWithSize(requested);
         ASSERT_NE(buffer, nullptr);
         EXPECT_EQ(buffer->size(), expected);
@@ -47,7 +47,7 @@ TEST(QBBufferTest, RefusedWriteLeavesBufferUnchanged) {
     auto empty = QBBuffer::initWithSize(4);
     const std::function<bool(QBBuffer&)> refusedWrites[] = {
         [](QBBuffer& b) { return b.writeRawData(nullptr, 1); },
-        [](QBBuffer& b) { return b.writeRawData("x", std::numeric_limits<std::int64_t>::max(), 1); },
+        [](QBBuffer& b) { return b.writeRawData("x", INT64_MAX, 1); },
         [](QBBuffer& b) { return b.writeString(""); },
         [](QBBuffer& b) { return b.writeData({}); },
         [](QBBuffer& b) { return b.writeInt32(7); },                  // one byte too many
@@ -65,12 +65,12 @@ TEST(QBBufferTest, RefusedWriteLeavesBufferUnchanged) {
     }
 }
 
-TEST(QBBufferTest, NumbersUseHostByteOrder) {
+TEST(QBBufferTest, NumbersUseHostByteOrderAcrossTheWrapPoint) {
     auto buffer = bufferWithHeadAt(16, 11);
     buffer->writeInt16(0x0102);
     buffer->writeInt32(0x01020304);
     buffer->writeFloat(1.0f);
-    EXPECT_EQ(contents(*buffer), (Bytes{0x02, 0x01, 0x04, 0x03, 0x02, 0x01, 0x00, 0x00, 0x80, 0x3f}));
+    EXPECT_EQ(contents(*buffer), (Bytes{2, 1, 4, 3, 2, 1, 0, 0, 0x80, 0x3f}));
     EXPECT_EQ(buffer->readInt16(), 0x0102);
     EXPECT_EQ(buffer->readInt32(), 0x01020304);
     EXPECT_EQ(buffer->readFloat(), 1.0f);
@@ -101,47 +101,29 @@ TEST(QBBufferTest, StringReadsEndAtZeroByteAndRejectInvalidUTF8) {
 }
 
 TEST(QBBufferTest, TerminatedStringReadsThroughTheTerminator) {
-    struct Case {
-        std::string data;
-        char terminator;
-        std::optional<std::string> text;
-        std::string rest;
-    };
-    const Case cases[] = {
-        {"ab\ncd", '\n', "ab\n", "cd"},
-        {"abcd", '\n', std::nullopt, "abcd"},
-        {"\nab", '\n', "\n", "ab"},
-        {std::string("ab\0cd", 5), '\0', "ab", "cd"},
-        {"a\xff" "b", '\xff', std::nullopt, "b"},  // found, but not UTF-8
-    };
-    for (const auto& c : cases) {
+    using Case = std::tuple<std::string, char, std::optional<std::string>, std::string>;
+    for (const auto& [data, terminator, text, rest] :
+         {Case{"ab\ncd", '\n', "ab\n", "cd"}, Case{"abcd", '\n', std::nullopt, "abcd"},
+          Case{"\nab", '\n', "\n", "ab"}, Case{std::string("ab\0cd", 5), '\0', "ab", "cd"},
+          Case{"a\xff" "b", '\xff', std::nullopt, "b"}}) {  // found, but not UTF-8
         auto buffer = bufferWithHeadAt(8, 6);
-        buffer->writeString(c.data);
-        EXPECT_EQ(buffer->readStringTerminatedBy(c.terminator), c.text) << c.data;
-        EXPECT_EQ(contents(*buffer), bytesOf(c.rest)) << c.data;
+        buffer->writeString(data);
+        EXPECT_EQ(buffer->readStringTerminatedBy(terminator), text) << data;
+        EXPECT_EQ(contents(*buffer), bytesOf(rest)) << data;
     }
 }
 
-TEST(QBBufferTest, ByteByByteTailTestSeesTerminatorStraddlingTheWrapPoint) {
-    const std::string header = "GET /vpn\r\n\r\n";
-    for (std::int64_t head = 0; head < 16; ++head) {
-        auto buffer = bufferWithHeadAt(16, head);
-        int matches = 0;
-        for (char c : header) {
-            buffer->writeByte(c);
-            matches += buffer->terminatedWithBytes("\r\n\r\n", 4);
-        }
-        EXPECT_EQ(matches, 1) << head;
-    }
+// The tail test across the wrap point is exercised by the model test at the end.
+TEST(QBBufferTest, EmptyTailMatchesUnlessItIsNull) {
     auto empty = QBBuffer::initWithSize(4);
     EXPECT_TRUE(empty->terminatedWithBytes("", 0));
     EXPECT_FALSE(empty->terminatedWithBytes(nullptr, 0));
 }
 
-TEST(QBBufferTest, ReadBufferTakesCountBytesIntoAFullBufferOfThatCapacity) {
+TEST(QBBufferTest, BufferReadsAndWritesCopyAcrossTheWrapPoint) {
     auto buffer = bufferWithHeadAt(8, 6);
     buffer->writeString("abcdef");
-    auto part = buffer->readBufferWithLength(4);
+    auto part = buffer->readBufferWithLength(4);  // a full buffer of exactly that capacity
     ASSERT_NE(part, nullptr);
     EXPECT_EQ(part->size(), 4);
     EXPECT_EQ(contents(*part), bytesOf("abcd"));
@@ -152,16 +134,12 @@ TEST(QBBufferTest, ReadBufferTakesCountBytesIntoAFullBufferOfThatCapacity) {
     part->removeData(2);
     part->writeString("xy");
     EXPECT_EQ(contents(*part), bytesOf("cdxy"));
-}
 
-TEST(QBBufferTest, WriteBufferCopiesUnreadBytesAndLeavesSourceUnchanged) {
-    auto source = bufferWithHeadAt(4, 3);
-    source->writeString("abc");
     auto target = bufferWithHeadAt(8, 7);
     target->writeString("x");
-    EXPECT_TRUE(target->writeBuffer(*source));
-    EXPECT_EQ(contents(*source), bytesOf("abc"));
-    EXPECT_EQ(contents(*target), bytesOf("xabc"));
+    EXPECT_TRUE(target->writeBuffer(*part));
+    EXPECT_EQ(contents(*part), bytesOf("cdxy"));  // the source keeps its bytes
+    EXPECT_EQ(contents(*target), bytesOf("xcdxy"));
 }
 
 TEST(QBBufferTest, PositionedInt16WriteOverwritesInPlace) {
@@ -192,24 +170,23 @@ TEST(QBBufferTest, RandomOperationsMatchADequeModel) {
             Bytes bytes(static_cast<std::size_t>(std::max<std::int64_t>(count, 0)));
             for (auto& byte : bytes) byte = alphabet[pick(0, 3)];
             const auto at = [&](std::int64_t offset) { return model.begin() + offset; };
+            const bool present = count >= 1 && count <= length;
             switch (pick(0, 5)) {
             case 0: {
                 const std::int64_t position = pick(-2, length + 2);
                 const std::int64_t q = position < 0 || position > length ? length : position;
                 const bool fits = count >= 1 && q + count <= size;
                 ASSERT_EQ(buffer->writeRawData(bytes.data(), count, position), fits);
-                if (!fits) {
-                    ++refusals;
-                    break;
-                }
+                refusals += !fits;
+                if (!fits) break;
                 const auto inside = std::min(count, length - q);
                 std::copy_n(bytes.begin(), inside, at(q));
                 model.insert(model.end(), bytes.begin() + inside, bytes.end());
                 break;
             }
             case 1: {
-                const bool present = count >= 1 && count <= length;
-                const auto expected = present ? std::optional(Bytes(at(0), at(count))) : std::nullopt;
+                std::optional<Bytes> expected;
+                if (present) expected.emplace(at(0), at(count));
                 ASSERT_EQ(buffer->peekRawData(count), expected);
                 ASSERT_EQ(buffer->readRawData(count), expected);
                 if (present) model.erase(at(0), at(count));
@@ -217,12 +194,12 @@ TEST(QBBufferTest, RandomOperationsMatchADequeModel) {
             }
             case 2:
                 buffer->removeData(count);
-                if (count >= 1 && count <= length) model.erase(at(0), at(count));
+                if (present) model.erase(at(0), at(count));
                 break;
             case 3: {
-                const char terminator = bytes.empty() ? 0 : char(bytes[0]);
-                const auto found = std::find(model.begin(), model.end(), std::uint8_t(terminator));
-                ASSERT_EQ(buffer->readDataLengthTerminatedBy(terminator),
+                const std::uint8_t terminator = bytes.empty() ? 0 : bytes[0];
+                const auto found = std::find(model.begin(), model.end(), terminator);
+                ASSERT_EQ(buffer->readDataLengthTerminatedBy(char(terminator)),
                           found == model.end() ? -1 : found - model.begin());
                 break;
             }
@@ -232,9 +209,9 @@ TEST(QBBufferTest, RandomOperationsMatchADequeModel) {
                 if (n > length) tail.insert(tail.begin(), 0x00);
                 const bool altered = n > 0 && pick(0, 1) == 1;
                 if (altered) tail[pick(0, n - 1)] ^= 1;
-                const bool expected = n <= length && !altered;
                 const std::uint8_t* data = tail.empty() ? alphabet : tail.data();
-                ASSERT_EQ(buffer->terminatedWithBytes(data, static_cast<std::int32_t>(n)), expected);
+                ASSERT_EQ(buffer->terminatedWithBytes(data, static_cast<std::int32_t>(n)),
+                          n <= length && !altered);
                 break;
             }
             case 5: {
