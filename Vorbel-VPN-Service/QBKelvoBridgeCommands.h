@@ -24,8 +24,8 @@ public:
                                          std::int64_t webPort) = 0;
     virtual std::string connect(const std::string& server, std::int64_t port,
                                 std::int64_t webPort) = 0;
-    virtual std::string connect(const std::string& server, std::int64_t port,
-                                std::int64_t webPort, const std::string& secToken) = 0;
+    virtual std::string connect(const std::string& server, std::int64_t port, std::int64_t webPort,
+                                const std::string& secToken) = 0;
     virtual std::string disconnectWithSecToken(const std::string& secToken) = 0;
     virtual std::string suspendWithSecToken(const std::string& secToken) = 0;
     virtual std::string resume() = 0;

@@ -54,7 +54,9 @@ public:
         static const TagPatterns patterns;
         return patterns;
     }
-    const icu::RegexPattern* pattern(Tag tag) const { return compiled[static_cast<std::size_t>(tag)].get(); }
+    const icu::RegexPattern* pattern(Tag tag) const {
+        return compiled[static_cast<std::size_t>(tag)].get();
+    }
     static std::optional<Tag> fixedTag(std::string_view name) {
         for (std::size_t i = 0; i < tagNames.size(); ++i) {
             if (tagNames[i] == name) return static_cast<Tag>(i);
@@ -64,7 +66,9 @@ public:
 
 private:
     TagPatterns() {
-        for (std::size_t i = 0; i < tagNames.size(); ++i) compiled[i] = compileTagPattern(tagNames[i]);
+        for (std::size_t i = 0; i < tagNames.size(); ++i) {
+            compiled[i] = compileTagPattern(tagNames[i]);
+        }
     }
     std::array<std::unique_ptr<icu::RegexPattern>, tagNames.size()> compiled;
 };
@@ -84,8 +88,8 @@ icu::RegexMatcher* threadMatcher(Tag tag) {
 }
 
 // Contents of the first (or every) element that matcher finds within the span of text.
-std::vector<Span> findElements(icu::RegexMatcher& matcher, const icu::UnicodeString& text, Span within,
-                               bool all) {
+std::vector<Span> findElements(icu::RegexMatcher& matcher, const icu::UnicodeString& text,
+                               Span within, bool all) {
     std::vector<Span> found;
     UErrorCode status = U_ZERO_ERROR;
     matcher.reset(text);
@@ -153,7 +157,9 @@ std::optional<QBKelvoXMLRPCServer::Value> decodeParam(const icu::UnicodeString& 
     const auto value = firstElement(Tag::value, text, param);
     if (!value) return std::nullopt;
     if (const auto string = firstElement(Tag::string, text, *value)) return toUTF8(text, *string);
-    if (const auto number = firstElement(Tag::integer, text, *value)) return int32Value(text, *number);
+    if (const auto number = firstElement(Tag::integer, text, *value)) {
+        return int32Value(text, *number);
+    }
     if (const auto number = firstElement(Tag::i4, text, *value)) return int32Value(text, *number);
     return std::nullopt;
 }
@@ -332,19 +338,22 @@ void QBKelvoXMLRPCServer::clientConnected(std::shared_ptr<QBTCPSocket> connectio
 
 // ---- Reading a request ----------------------------------------------------------------------
 
-QBKelvoXMLRPCServer::RequestHead QBKelvoXMLRPCServer::parseRequestHead(std::string_view headerBlock) {
+QBKelvoXMLRPCServer::RequestHead QBKelvoXMLRPCServer::parseRequestHead(
+    std::string_view headerBlock) {
     RequestHead head;
     const auto lines = splitAt(headerBlock, [](char32_t c) { return isLineBreak(c); });
     head.requestLine = splitAt(lines.front(), [](char32_t c) { return isBlank(c); });
     for (std::size_t i = 1; i < lines.size(); ++i) {
         const auto colon = lines[i].find(':');
         if (colon == std::string_view::npos) continue;
-        head.headers.emplace_back(trimBlanks(lines[i].substr(0, colon)), lines[i].substr(colon + 1));
+        head.headers.emplace_back(trimBlanks(lines[i].substr(0, colon)),
+                                  lines[i].substr(colon + 1));
     }
     return head;
 }
 
-std::optional<std::string_view> QBKelvoXMLRPCServer::RequestHead::header(std::string_view name) const {
+std::optional<std::string_view> QBKelvoXMLRPCServer::RequestHead::header(
+    std::string_view name) const {
     for (auto entry = headers.rbegin(); entry != headers.rend(); ++entry) {
         if (entry->first == name) return entry->second;
     }
@@ -387,13 +396,20 @@ bool QBKelvoXMLRPCServer::answerPost(const RequestHead& head, QBTCPSocket& conne
 
 std::string_view QBKelvoXMLRPCServer::reasonPhrase(std::int32_t status) {
     switch (status) {
-        case 200: return "OK";
-        case 400: return "Bad request";
-        case 403: return "Forbidden";
-        case 404: return "Not found";
-        case 500: return "Internal Error";
-        case 501: return "Not implemented";
-        default: return "";
+        case 200:
+            return "OK";
+        case 400:
+            return "Bad request";
+        case 403:
+            return "Forbidden";
+        case 404:
+            return "Not found";
+        case 500:
+            return "Internal Error";
+        case 501:
+            return "Not implemented";
+        default:
+            return "";
     }
 }
 
@@ -430,17 +446,20 @@ void QBKelvoXMLRPCServer::sendHTTPReplyWithStatus(std::int32_t status, const Hea
 
 // ---- XML-RPC --------------------------------------------------------------------------------
 
-std::optional<std::string> QBKelvoXMLRPCServer::getXMLTag(std::string_view tag, std::string_view inData) {
+std::optional<std::string> QBKelvoXMLRPCServer::getXMLTag(std::string_view tag,
+                                                          std::string_view inData) {
     auto contents = elementTexts(tag, inData, false);
     if (contents.empty()) return std::nullopt;
     return std::move(contents.front());
 }
 
-std::vector<std::string> QBKelvoXMLRPCServer::getAllXMLTags(std::string_view tag, std::string_view inData) {
+std::vector<std::string> QBKelvoXMLRPCServer::getAllXMLTags(std::string_view tag,
+                                                            std::string_view inData) {
     return elementTexts(tag, inData, true);
 }
 
-std::optional<QBKelvoXMLRPCServer::MethodCall> QBKelvoXMLRPCServer::decodeMethodCall(std::string_view body) {
+std::optional<QBKelvoXMLRPCServer::MethodCall> QBKelvoXMLRPCServer::decodeMethodCall(
+    std::string_view body) {
     const auto text = icu::UnicodeString::fromUTF8(body);
     const auto call = firstElement(Tag::methodCall, text, Span{0, text.length()});
     if (!call) return std::nullopt;
@@ -460,7 +479,8 @@ std::optional<QBKelvoXMLRPCServer::Value> QBKelvoXMLRPCServer::performXMLMethod(
     if (!bridgeCommands_) return std::nullopt;
     for (const auto& command : commandTable) {
         if (command.name != name) continue;
-        const auto& arguments = withParams.size() >= command.needs ? withParams : fallbackArguments();
+        const auto& arguments =
+            withParams.size() >= command.needs ? withParams : fallbackArguments();
         return command.call(*bridgeCommands_, arguments);
     }
     return std::nullopt;
@@ -474,11 +494,14 @@ std::string QBKelvoXMLRPCServer::methodResponseDocument(const std::vector<Value>
             params += "<string>" + *text + "</string>";
         } else {
             // An int element holds 32 bits; a wider number keeps its low 32 bits.
-            params += "<int>" + std::to_string(static_cast<std::int32_t>(std::get<std::int64_t>(value))) + "</int>";
+            params += "<int>" +
+                      std::to_string(static_cast<std::int32_t>(std::get<std::int64_t>(value))) +
+                      "</int>";
         }
         params += "</value>\r\n    </param>\r\n";
     }
-    const std::string block = values.empty() ? std::string() : "  <params>\n" + params + "  </params>";
+    const std::string block =
+        values.empty() ? std::string() : "  <params>\n" + params + "  </params>";
     return "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\r\n<methodResponse>\r\n" + block +
            "\r\n</methodResponse>\r\n";
 }

@@ -98,7 +98,8 @@ public:
     // Use serverWithAddress: serve() needs the server to be owned by a shared_ptr.
     QBKelvoXMLRPCServer(std::shared_ptr<QBIPAddress> address, std::int32_t andPort,
                         std::shared_ptr<QBLumentideIPC> andIPC,
-                        std::shared_ptr<QBKelvoBridgeCommands> bridgeCommands, const Settings& settings);
+                        std::shared_ptr<QBKelvoBridgeCommands> bridgeCommands,
+                        const Settings& settings);
 
     // Runs the accept loop on the calling thread; returns after shutdown(), or at once when the
     // address and port cannot be listened on.
@@ -119,7 +120,8 @@ public:
     // the call cannot be decoded or names no known method.
     bool processXMLRPCRequest(std::string_view body, QBTCPSocket& forSocket);
     // Calls the command the name selects; nullopt for an unknown name (or no commands).
-    std::optional<Value> performXMLMethod(const std::string& name, const std::vector<Value>& withParams);
+    std::optional<Value> performXMLMethod(const std::string& name,
+                                          const std::vector<Value>& withParams);
     // Writes values as a method response with status 200.
     void sendXMLRPCMethodResponse(const std::vector<Value>& values, QBTCPSocket& toSocket);
 
@@ -133,7 +135,8 @@ public:
     // Splits a header block; the result refers to headerBlock, which must outlive it.
     static RequestHead parseRequestHead(std::string_view headerBlock);
     static std::string methodResponseDocument(const std::vector<Value>& values);
-    static std::string httpReply(std::int32_t status, const Headers& headers, std::string_view content);
+    static std::string httpReply(std::int32_t status, const Headers& headers,
+                                 std::string_view content);
     // Reason phrase of a status of the reason table; empty for any other status.
     static std::string_view reasonPhrase(std::int32_t status);
 

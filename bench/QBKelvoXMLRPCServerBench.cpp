@@ -13,7 +13,8 @@ namespace {
 
 // A browser's POST of "connectWithToken" with four parameters.
 const std::string callBody =
-    "<?xml version=\"1.0\"?>\r\n<methodCall>\r\n<methodName>connectWithToken</methodName>\r\n<params>\r\n"
+    "<?xml "
+    "version=\"1.0\"?>\r\n<methodCall>\r\n<methodName>connectWithToken</methodName>\r\n<params>\r\n"
     "<param><value><string>vpn.example.com</string></value></param>\r\n"
     "<param><value><int>443</int></value></param>\r\n"
     "<param><value><int>8080</int></value></param>\r\n"
@@ -22,7 +23,9 @@ const std::string callBody =
 
 const std::string headerBlock =
     "POST /vpn HTTP/1.1\r\nHost: 127.94.0.1:986\r\nConnection: keep-alive\r\n"
-    "Content-Length: " + std::to_string(callBody.size()) + "\r\nContent-Type: text/xml\r\n"
+    "Content-Length: " +
+    std::to_string(callBody.size()) +
+    "\r\nContent-Type: text/xml\r\n"
     "Origin: https://vpn.example.com\r\n"
     "User-Agent: Mozilla/5.0 (X11; Linux x86_64) AppleWebKit/537.36 (KHTML, like Gecko)\r\n"
     "Accept: */*\r\nAccept-Encoding: gzip, deflate, br\r\nAccept-Language: en-US,en;q=0.9\r\n"
@@ -32,9 +35,12 @@ class Answers : public QBKelvoBridgeCommands {
 public:
     std::string clientOS() override { return "Mac OS 12.0.0"; }
     std::string clientVersion() override { return "1.0,1"; }
-    std::int64_t authorizeServer(const std::string&, std::int64_t, std::int64_t) override { return 1; }
+    std::int64_t authorizeServer(const std::string&, std::int64_t, std::int64_t) override {
+        return 1;
+    }
     std::string connect(const std::string&, std::int64_t, std::int64_t) override { return "ok"; }
-    std::string connect(const std::string&, std::int64_t, std::int64_t, const std::string&) override {
+    std::string connect(const std::string&, std::int64_t, std::int64_t,
+                        const std::string&) override {
         return "ok";
     }
     std::string disconnectWithSecToken(const std::string&) override { return ""; }
@@ -48,7 +54,9 @@ public:
 };
 
 void BM_ParseRequestHead(benchmark::State& state) {
-    for (auto _ : state) benchmark::DoNotOptimize(QBKelvoXMLRPCServer::parseRequestHead(headerBlock));
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(QBKelvoXMLRPCServer::parseRequestHead(headerBlock));
+    }
 }
 BENCHMARK(BM_ParseRequestHead);
 
@@ -73,11 +81,13 @@ void requestRoundTrip(benchmark::State& state, const std::string& request) {
         state.SkipWithError("socketpair failed");
         return;
     }
-    auto server = QBKelvoXMLRPCServer::serverWithAddress(nullptr, 0, nullptr, std::make_shared<Answers>());
+    auto server =
+        QBKelvoXMLRPCServer::serverWithAddress(nullptr, 0, nullptr, std::make_shared<Answers>());
     QBTCPSocket connection(ends[0], nullptr, 0);
     char answer[4096];
     for (auto _ : state) {
-        if (::write(ends[1], request.data(), request.size()) != static_cast<ssize_t>(request.size()) ||
+        if (::write(ends[1], request.data(), request.size()) !=
+                static_cast<ssize_t>(request.size()) ||
             !server->readHTTPRequest(connection) || ::read(ends[1], answer, sizeof answer) <= 0) {
             state.SkipWithError("request failed");
             break;
@@ -92,8 +102,10 @@ void BM_PostRoundTrip(benchmark::State& state) {
 BENCHMARK(BM_PostRoundTrip);
 
 void BM_OptionsRoundTrip(benchmark::State& state) {
-    requestRoundTrip(state, "OPTIONS /vpn HTTP/1.1\r\nHost: 127.94.0.1:986\r\nOrigin: https://vpn.example.com\r\n"
-                            "Access-Control-Request-Method: POST\r\n\r\n");
+    requestRoundTrip(
+        state,
+        "OPTIONS /vpn HTTP/1.1\r\nHost: 127.94.0.1:986\r\nOrigin: https://vpn.example.com\r\n"
+        "Access-Control-Request-Method: POST\r\n\r\n");
 }
 BENCHMARK(BM_OptionsRoundTrip);
 

@@ -50,7 +50,8 @@ int millisecondsUntil(Clock::time_point deadline) {
 
 std::int64_t steadyNanoseconds() {
     const auto now = Clock::now().time_since_epoch();
-    return std::max<std::int64_t>(1, std::chrono::duration_cast<std::chrono::nanoseconds>(now).count());
+    return std::max<std::int64_t>(
+        1, std::chrono::duration_cast<std::chrono::nanoseconds>(now).count());
 }
 
 }  // namespace
@@ -58,9 +59,9 @@ std::int64_t steadyNanoseconds() {
 // One accepted connection as its server sees it. The descriptor is guarded by the table's lock
 // and set to -1 before the connection closes it, so the server never acts on a reused number.
 struct QBTCPSocket::ConnectionSlot {
-    int descriptor = -1;                         // guarded by ConnectionTable::lock
-    bool evicted = false;                        // guarded by ConnectionTable::lock
-    std::atomic<std::int64_t> waitingSince{0};   // steady ns since it waits for its peer; 0: busy
+    int descriptor = -1;                        // guarded by ConnectionTable::lock
+    bool evicted = false;                       // guarded by ConnectionTable::lock
+    std::atomic<std::int64_t> waitingSince{0};  // steady ns since it waits for its peer; 0: busy
     std::weak_ptr<ConnectionTable> table;
 };
 
@@ -72,7 +73,8 @@ public:
     // Registers a newly accepted descriptor and counts its thread-to-be. When every thread is
     // taken, shuts down the connection that has waited longest for its peer to make room;
     // null (refused) when no connection is waiting.
-    std::shared_ptr<ConnectionSlot> admit(int descriptor, const std::shared_ptr<ConnectionTable>& self) {
+    std::shared_ptr<ConnectionSlot> admit(int descriptor,
+                                          const std::shared_ptr<ConnectionTable>& self) {
         std::lock_guard guard(lock);
         if (threads - evicting >= maxThreads && !evictLongestWaiting()) return nullptr;
         auto slot = std::make_shared<ConnectionSlot>();
@@ -278,9 +280,10 @@ bool QBTCPSocket::connectToHost(const std::optional<std::string>& host, std::int
 
     if (::connect(_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         if (errno != EINPROGRESS) return fail();
-        const int waitMilliseconds = timeout > 0 ? static_cast<int>(std::min<std::int64_t>(
-                                                       std::int64_t{timeout} * 1000, INT32_MAX))
-                                                 : 0;
+        const int waitMilliseconds =
+            timeout > 0
+                ? static_cast<int>(std::min<std::int64_t>(std::int64_t{timeout} * 1000, INT32_MAX))
+                : 0;
         if (waitFor(POLLOUT, waitMilliseconds) != Wait::ready) return fail();
         int error = 0;
         socklen_t length = sizeof error;
@@ -612,12 +615,15 @@ std::optional<std::string> QBTCPSocket::takeMessageText(std::size_t length) {
 std::unique_ptr<QBBuffer> QBTCPSocket::readDataTerminatedBy(const void* terminator,
                                                             std::int32_t terminalLength,
                                                             std::int32_t withTimeout) {
-    const std::string_view bytes(static_cast<const char*>(terminator),
-                                 terminator ? static_cast<std::size_t>(std::max(terminalLength, 0)) : 0);
+    const std::string_view bytes(
+        static_cast<const char*>(terminator),
+        terminator ? static_cast<std::size_t>(std::max(terminalLength, 0)) : 0);
     const auto length = receiveMessage(bytes, withTimeout, {});
     if (!length) return nullptr;
     auto buffer = QBBuffer::init();
-    if (buffer) buffer->writeRawData(readAhead.get() + readAheadBegin, static_cast<std::int64_t>(*length));
+    if (buffer) {
+        buffer->writeRawData(readAhead.get() + readAheadBegin, static_cast<std::int64_t>(*length));
+    }
     readAheadBegin += *length;
     if (readAheadBegin == readAheadEnd) dropReadAhead();
     return buffer;
@@ -661,8 +667,8 @@ std::int64_t QBTCPSocket::sendRawData(const void* data, std::int32_t withLength,
     const auto* bytes = static_cast<const std::uint8_t*>(data);
     std::int64_t sent = 0;
     while (sent < withLength) {
-        const auto result = ::send(_socket, bytes + sent, static_cast<std::size_t>(withLength - sent),
-                                   MSG_NOSIGNAL);
+        const auto result = ::send(_socket, bytes + sent,
+                                   static_cast<std::size_t>(withLength - sent), MSG_NOSIGNAL);
         if (result >= 0) {
             sent += result;
         } else if (errno != EAGAIN && errno != EWOULDBLOCK) {

@@ -235,7 +235,7 @@ private:
     ServerLimits serverLimits;
     std::atomic<bool> shutdownRequested{false};  // set once, never cleared
     std::atomic<std::int32_t> boundPort{0};
-    mutable std::mutex serverLock;  // guards the two fields below; leaf lock
+    mutable std::mutex serverLock;                   // guards the two fields below; leaf lock
     std::shared_ptr<ConnectionTable> activeSockets;  // connections of the current serve
     int wakePipe[2] = {-1, -1};
 

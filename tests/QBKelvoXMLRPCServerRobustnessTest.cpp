@@ -77,8 +77,9 @@ TEST_F(BridgeServerRobustnessTest, ThousandsOfStalledConnectionsDoNotStarveARequ
     const long growth = residentKiB() - residentBefore;
     RecordProperty("answer_ms", static_cast<int>(waited.count()));
     RecordProperty("resident_growth_kib", static_cast<int>(growth));
-    std::printf("answered in %lld ms; resident memory grew by %ld KiB with %d stalled connections\n",
-                static_cast<long long>(waited.count()), growth, stalledConnections);
+    std::printf(
+        "answered in %lld ms; resident memory grew by %ld KiB with %d stalled connections\n",
+        static_cast<long long>(waited.count()), growth, stalledConnections);
     if (residentGrowthBoundKiB > 0) {
         EXPECT_LT(growth, residentGrowthBoundKiB);
     }

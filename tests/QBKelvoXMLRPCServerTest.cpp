@@ -25,7 +25,8 @@ Reply splitReply(const std::string& response) {
     const auto headEnd = response.find("\r\n\r\n");
     reply.body = response.substr(headEnd + 4);
     size_t lineStart = 0;
-    for (size_t lineEnd; (lineEnd = response.find("\r\n", lineStart)) <= headEnd; lineStart = lineEnd + 2) {
+    for (size_t lineEnd; (lineEnd = response.find("\r\n", lineStart)) <= headEnd;
+         lineStart = lineEnd + 2) {
         const auto line = response.substr(lineStart, lineEnd - lineStart);
         if (lineStart == 0) {
             reply.statusLine = line;
@@ -38,9 +39,11 @@ Reply splitReply(const std::string& response) {
 }
 
 std::vector<std::string> fixedHeaderLines(size_t contentLength) {
-    std::vector<std::string> lines{"Access-Control-Allow-Origin: *", "Cache-Control: no-cache",
+    std::vector<std::string> lines{"Access-Control-Allow-Origin: *",
+                                   "Cache-Control: no-cache",
                                    "Content-Length: " + std::to_string(contentLength),
-                                   "Content-Type: text/xml", "Pragma: no-cache",
+                                   "Content-Type: text/xml",
+                                   "Pragma: no-cache",
                                    "Server: MacTunnelwright/1.1"};
     std::sort(lines.begin(), lines.end());
     return lines;
@@ -48,7 +51,8 @@ std::vector<std::string> fixedHeaderLines(size_t contentLength) {
 
 const std::string stringResponse =
     "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\r\n<methodResponse>\r\n  <params>\n    <param>\r\n"
-    "      <value><string>abc</string></value>\r\n    </param>\r\n  </params>\r\n</methodResponse>\r\n";
+    "      <value><string>abc</string></value>\r\n    </param>\r\n  "
+    "</params>\r\n</methodResponse>\r\n";
 
 class BridgeServerTest : public ::testing::Test {
 protected:
@@ -75,9 +79,13 @@ TEST_F(BridgeServerTest, PreflightHasEightHeadersNoBodyAndKeepsTheConnection) {
     EXPECT_EQ(reply.statusLine, "HTTP/1.1 200 OK");
     std::vector<std::string> expected{
         "Access-Control-Allow-Headers: Origin, X-Requested-With, Content-Type, Accept",
-        "Access-Control-Allow-Methods: POST, OPTIONS", "Access-Control-Allow-Origin: *",
-        "Cache-Control: no-cache", "Content-Length: 0", "Content-Type: text/xml",
-        "Pragma: no-cache", "Server: MacTunnelwright/1.1"};
+        "Access-Control-Allow-Methods: POST, OPTIONS",
+        "Access-Control-Allow-Origin: *",
+        "Cache-Control: no-cache",
+        "Content-Length: 0",
+        "Content-Type: text/xml",
+        "Pragma: no-cache",
+        "Server: MacTunnelwright/1.1"};
     EXPECT_EQ(reply.headerLines, expected);
     EXPECT_EQ(reply.body, "");
 
@@ -99,7 +107,8 @@ TEST_F(BridgeServerTest, MethodResponseCarriesOnlyTheSixFixedHeaders) {
 }
 
 TEST_F(BridgeServerTest, RefusedRequestsCloseWithoutAnyReply) {
-    const auto post = [](std::string_view path, std::string_view lengthName, std::string_view body) {
+    const auto post = [](std::string_view path, std::string_view lengthName,
+                         std::string_view body) {
         return "POST " + std::string(path) + " HTTP/1.1\r\n" + std::string(lengthName) + ": " +
                std::to_string(body.size()) + "\r\n\r\n" + std::string(body);
     };
@@ -108,9 +117,9 @@ TEST_F(BridgeServerTest, RefusedRequestsCloseWithoutAnyReply) {
         "GET /vpn HTTP/1.1\r\n\r\n",
         "HEAD /vpn HTTP/1.1\r\n\r\n",
         "post /vpn HTTP/1.1\r\nContent-Length: 10\r\n\r\n",
-        "POST\r\n\r\n",                                    // request line of one part
-        "POST  /vpn HTTP/1.1\r\n\r\n",                     // two blanks: the path is empty
-        "\r\nPOST /vpn HTTP/1.1\r\n\r\n",                   // the first line is the request line
+        "POST\r\n\r\n",                    // request line of one part
+        "POST  /vpn HTTP/1.1\r\n\r\n",     // two blanks: the path is empty
+        "\r\nPOST /vpn HTTP/1.1\r\n\r\n",  // the first line is the request line
         post("/vpn?x=1", "Content-Length", call),
         post("/vpn/", "Content-Length", call),
         post("/VPN", "Content-Length", call),
@@ -119,17 +128,18 @@ TEST_F(BridgeServerTest, RefusedRequestsCloseWithoutAnyReply) {
         "POST /vpn HTTP/1.1\r\nContent-Length: 65537\r\n\r\n",
         "POST /vpn HTTP/1.1\r\nContent-Length: -5\r\n\r\n",
         "POST /vpn HTTP/1.1\r\nX: \xff\r\nContent-Length: 5\r\n\r\n<?xml",  // header not UTF-8
-        xmlRpcPost("\xEF\xBB\xBF" + call),                       // byte-order mark
+        xmlRpcPost("\xEF\xBB\xBF" + call),                                  // byte-order mark
         xmlRpcPost("<?xml version='1.0'?><methodCall><methodName>state</methodName></methodCall>"),
         xmlRpcPost(" " + call),
-        xmlRpcPost("<?xml version=\"1.0\"?><methodCall><methodName>state</methodName>\xff</methodCall>"),
+        xmlRpcPost(
+            "<?xml version=\"1.0\"?><methodCall><methodName>state</methodName>\xff</methodCall>"),
         xmlRpcPost(methodCall("nosuchMethod")),
         xmlRpcPost(methodCall("State")),
         xmlRpcPost(methodCall(" state")),
         xmlRpcPost("<?xml version=\"1.0\"?><methodCall><params></params></methodCall>"),
         xmlRpcPost("<?xml version=\"1.0\"?><methodCall><methodName></methodName></methodCall>"),
         xmlRpcPost("<?xml version=\"1.0\"?><methodName>state</methodName>"),  // no methodCall
-        "POST /vpn HTTP/1.1\r\nContent-Length: 200\r\n\r\n" + call,          // body short for ever
+        "POST /vpn HTTP/1.1\r\nContent-Length: 200\r\n\r\n" + call,           // body short for ever
     };
     for (const auto& request : cases) {
         LoopbackClient client(running.port());
@@ -181,9 +191,10 @@ TEST_F(BridgeServerTest, BodyArrivingAfterTheHeaderBlockIsAwaited) {
 TEST_F(BridgeServerTest, OtherHeadersDoNotDisturbTheRequest) {
     const std::string body = methodCall("state");
     LoopbackClient client(running.port());
-    ASSERT_TRUE(client.send("POST /vpn HTTP/1.1\r\nHost: 127.0.0.1:986\r\nno colon line\r\n"
-                            "Content-Length: 1\r\n\tContent-Length\t:  " + std::to_string(body.size()) +
-                            "\r\nOrigin: http://a:b:c\r\n\r\n" + body));
+    ASSERT_TRUE(
+        client.send("POST /vpn HTTP/1.1\r\nHost: 127.0.0.1:986\r\nno colon line\r\n"
+                    "Content-Length: 1\r\n\tContent-Length\t:  " +
+                    std::to_string(body.size()) + "\r\nOrigin: http://a:b:c\r\n\r\n" + body));
     EXPECT_TRUE(client.readResponse().has_value());
 }
 

@@ -53,7 +53,8 @@ protected:
         if (peer >= 0) ::close(peer);
     }
     void peerSends(std::string_view bytes) const {
-        ASSERT_EQ(::send(peer, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+        ASSERT_EQ(::send(peer, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(bytes.size()));
     }
     void peerCloses() {
         ::close(peer);
@@ -229,7 +230,8 @@ protected:
     void serve(std::size_t maxThreads = 512) {
         server->setServerLimits({maxThreads, 256 * 1024, 2000ms});
         loop = std::thread([this] {
-            server->serveOnAddress(QBIPAddress::ipAddressWithAddress("127.0.0.1"), 0, delegate, false);
+            server->serveOnAddress(QBIPAddress::ipAddressWithAddress("127.0.0.1"), 0, delegate,
+                                   false);
         });
         const auto deadline = std::chrono::steady_clock::now() + 5s;
         while ((port = server->localPort()) == 0 && std::chrono::steady_clock::now() < deadline) {
@@ -246,14 +248,16 @@ protected:
         client.discardUnread();
         if (!client.send(line + "\n")) return false;
         const auto deadline = std::chrono::steady_clock::now() + 5s;
-        while (client.unread() != "echo:" + line + "\n" && std::chrono::steady_clock::now() < deadline) {
+        while (client.unread() != "echo:" + line + "\n" &&
+               std::chrono::steady_clock::now() < deadline) {
             if (client.closedWithin(20ms)) return false;
         }
         return client.unread() == "echo:" + line + "\n";
     }
     void waitForThreads(std::size_t count) const {
         const auto deadline = std::chrono::steady_clock::now() + 5s;
-        while (server->connectionThreadCount() != count && std::chrono::steady_clock::now() < deadline) {
+        while (server->connectionThreadCount() != count &&
+               std::chrono::steady_clock::now() < deadline) {
             std::this_thread::sleep_for(5ms);
         }
         ASSERT_EQ(server->connectionThreadCount(), count);

@@ -25,9 +25,12 @@ class FixedAnswers : public QBKelvoBridgeCommands {
 public:
     std::string clientOS() override { return answer; }
     std::string clientVersion() override { return answer; }
-    std::int64_t authorizeServer(const std::string&, std::int64_t, std::int64_t) override { return 1; }
+    std::int64_t authorizeServer(const std::string&, std::int64_t, std::int64_t) override {
+        return 1;
+    }
     std::string connect(const std::string&, std::int64_t, std::int64_t) override { return answer; }
-    std::string connect(const std::string&, std::int64_t, std::int64_t, const std::string&) override {
+    std::string connect(const std::string&, std::int64_t, std::int64_t,
+                        const std::string&) override {
         return answer;
     }
     std::string disconnectWithSecToken(const std::string&) override { return answer; }
@@ -60,8 +63,9 @@ int main(int argc, char** argv) {
     std::signal(SIGPIPE, SIG_IGN);
     QBLog::setSink([](QBLog::Channel, std::string_view) {});
 
-    auto server = QBKelvoXMLRPCServer::serverWithAddress(
-        QBIPAddress::ipAddressWithAddress("127.0.0.1"), port, nullptr, std::make_shared<FixedAnswers>());
+    auto server =
+        QBKelvoXMLRPCServer::serverWithAddress(QBIPAddress::ipAddressWithAddress("127.0.0.1"), port,
+                                               nullptr, std::make_shared<FixedAnswers>());
     std::thread loop([server] { server->serve(); });
     for (int waited = 0; server->serverSocket()->localPort() == 0; ++waited) {
         if (waited == 200) {  // 2 s: serve has given up (the port is taken, most likely)

@@ -38,7 +38,8 @@ std::int64_t FakeBridgeCommands::number(std::string call) {
 
 std::int64_t FakeBridgeCommands::authorizeServer(const std::string& server, std::int64_t port,
                                                  std::int64_t webPort) {
-    return number("authorize(" + joined({server, std::to_string(port), std::to_string(webPort)}) + ")");
+    return number("authorize(" + joined({server, std::to_string(port), std::to_string(webPort)}) +
+                  ")");
 }
 
 std::string FakeBridgeCommands::connect(const std::string& server, std::int64_t port,
@@ -70,8 +71,8 @@ QBKelvoXMLRPCServer::Settings RunningBridgeServer::testSettings() {
 
 RunningBridgeServer::RunningBridgeServer(std::shared_ptr<QBKelvoBridgeCommands> commands,
                                          const QBKelvoXMLRPCServer::Settings& settings)
-    : server_(QBKelvoXMLRPCServer::serverWithAddress(QBIPAddress::ipAddressWithAddress("127.0.0.1"), 0,
-                                                     nullptr, std::move(commands), settings)) {
+    : server_(QBKelvoXMLRPCServer::serverWithAddress(QBIPAddress::ipAddressWithAddress("127.0.0.1"),
+                                                     0, nullptr, std::move(commands), settings)) {
     loop = std::thread([server = server_] { server->serve(); });
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
     while ((port_ = server_->serverSocket()->localPort()) == 0 &&

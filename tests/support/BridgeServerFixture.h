@@ -25,8 +25,10 @@ public:
 
     std::string clientOS() override { return text("clientOS()"); }
     std::string clientVersion() override { return text("clientVersion()"); }
-    std::int64_t authorizeServer(const std::string& server, std::int64_t port, std::int64_t webPort) override;
-    std::string connect(const std::string& server, std::int64_t port, std::int64_t webPort) override;
+    std::int64_t authorizeServer(const std::string& server, std::int64_t port,
+                                 std::int64_t webPort) override;
+    std::string connect(const std::string& server, std::int64_t port,
+                        std::int64_t webPort) override;
     std::string connect(const std::string& server, std::int64_t port, std::int64_t webPort,
                         const std::string& secToken) override;
     std::string disconnectWithSecToken(const std::string& secToken) override;

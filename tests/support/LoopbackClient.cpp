@@ -41,7 +41,8 @@ bool LoopbackClient::send(std::string_view bytes) {
     return true;
 }
 
-LoopbackClient::Receive LoopbackClient::receiveSome(std::chrono::steady_clock::time_point deadline) {
+LoopbackClient::Receive LoopbackClient::receiveSome(
+    std::chrono::steady_clock::time_point deadline) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         deadline - std::chrono::steady_clock::now());
     pollfd entry{descriptor, POLLIN, 0};
@@ -80,9 +81,12 @@ bool LoopbackClient::closedWithin(std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
         switch (receiveSome(deadline)) {
-            case Receive::ended: return true;
-            case Receive::timedOut: return false;
-            case Receive::data: break;
+            case Receive::ended:
+                return true;
+            case Receive::timedOut:
+                return false;
+            case Receive::data:
+                break;
         }
     }
 }
@@ -92,7 +96,8 @@ bool LoopbackClient::closedWithoutReply(std::chrono::milliseconds timeout) {
 }
 
 std::string xmlRpcPost(std::string_view body) {
-    return "POST /vpn HTTP/1.1\r\nHost: 127.0.0.1:986\r\nContent-Type: text/xml\r\nContent-Length: " +
+    return "POST /vpn HTTP/1.1\r\nHost: 127.0.0.1:986\r\nContent-Type: "
+           "text/xml\r\nContent-Length: " +
            std::to_string(body.size()) + "\r\n\r\n" + std::string(body);
 }
 

@@ -21,7 +21,8 @@ public:
     // Sends all bytes; false when the connection failed (no SIGPIPE).
     bool send(std::string_view bytes);
     // The next complete HTTP response; nullopt when the connection ends or timeout passes first.
-    std::optional<std::string> readResponse(std::chrono::milliseconds timeout = std::chrono::seconds(5));
+    std::optional<std::string> readResponse(
+        std::chrono::milliseconds timeout = std::chrono::seconds(5));
     // True when the server ends the connection within timeout without sending a single byte.
     bool closedWithoutReply(std::chrono::milliseconds timeout = std::chrono::seconds(5));
     // True when the server ends the connection within timeout (whatever it sent before).
