@@ -10,13 +10,15 @@
 #include <cerrno>
 #include <cstdlib>
 
-LoopbackClient::LoopbackClient(int port) {
-    descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (descriptor < 0) return;
+LoopbackClient::LoopbackClient(int port) : LoopbackClient("127.0.0.1", port) {}
+
+LoopbackClient::LoopbackClient(const std::string& ipv4Address, int port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::inet_pton(AF_INET, ipv4Address.c_str(), &address.sin_addr) != 1) return;
+    descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (descriptor < 0) return;
     if (::connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         close();
     }

@@ -12,6 +12,8 @@ class LoopbackClient {
 public:
     // Connects (blocking) to 127.0.0.1:port; connected() tells whether that worked.
     explicit LoopbackClient(int port);
+    // Connects (blocking) to ipv4Address:port.
+    LoopbackClient(const std::string& ipv4Address, int port);
     ~LoopbackClient();
     LoopbackClient(const LoopbackClient&) = delete;
     LoopbackClient& operator=(const LoopbackClient&) = delete;
