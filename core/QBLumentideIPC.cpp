@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -128,6 +129,37 @@ std::ptrdiff_t receiveSome(int socket, std::uint8_t* bytes, std::size_t length) 
     }
 }
 
+// The receive calls of one connection's reader, served from a buffer that is refilled with one
+// recv of up to its size. A frame that arrives whole then costs one recv instead of three, and a
+// recv is the dearest step of a round trip. Each call returns what the buffer holds, up to the
+// length asked for, and reads from the socket only when the buffer is empty; so the frame
+// reader's rules hold as they do for direct calls (in particular, four length bytes must come
+// from one call: a header cut short by the peer's writes still ends the connection).
+class ReceiveBuffer {
+public:
+    explicit ReceiveBuffer(int socket) : socket(socket) {}
+
+    std::ptrdiff_t receive(std::uint8_t* out, std::size_t length) {
+        if (start == end) {
+            const std::ptrdiff_t got = receiveSome(socket, bytes.data(), bytes.size());
+            if (got <= 0) return got;
+            start = 0;
+            end = static_cast<std::size_t>(got);
+        }
+        const std::size_t n = std::min(length, end - start);
+        std::memcpy(out, bytes.data() + start, n);
+        start += n;
+        return static_cast<std::ptrdiff_t>(n);
+    }
+
+private:
+    static constexpr std::size_t capacity = 4096;  // a few typical frames
+    const int socket;
+    std::array<std::uint8_t, capacity> bytes{};
+    std::size_t start = 0;
+    std::size_t end = 0;
+};
+
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -187,7 +219,8 @@ void QBLumentideIPC::startServerOnThread() {
 
 void QBLumentideIPC::startServerAndBlock() {
     if (socketState_.load() == 1 || serverLoopStarted.exchange(true)) return;
-    // The loop's end releases the endpoint, whichever way it ends.
+    // The loop clears selfReference however it ends, which may drop the last reference while
+    // this function still runs; this copy lasts until it returns.
     auto keepAlive = selfReference();
     mode_.store(serverMode);
     if (!obtainListeningSocket()) {
@@ -589,8 +622,12 @@ void QBLumentideIPC::processMessages(int socket) {
     if (served) {
         if (const auto current = delegate()) current->clientConnected(*this);
         setBlocking(socket);
+        ReceiveBuffer received(socket);
+        const ReceiveCall receive = [&received](std::uint8_t* bytes, std::size_t length) {
+            return received.receive(bytes, length);
+        };
         while (!shutdownRequested.load()) {
-            std::optional<json> envelope = getMessage(socket);
+            std::optional<json> envelope = readFrame(receive);
             if (!envelope) break;
             handleEnvelope(*envelope, socket);
         }
@@ -658,18 +695,22 @@ void QBLumentideIPC::matchReply(json& envelope) {
     const auto replyId = envelope.find("replyid");
     if (replyId == envelope.end() || !replyId->is_string()) return;
     const std::string& id = replyId->get_ref<const std::string&>();
-    std::lock_guard waiting(waitingLock);
-    const auto entry = waitingMessages.find(id);
-    if (entry == waitingMessages.end()) return;
+    std::shared_ptr<WaitingEntry> entry;
     {
-        std::lock_guard replies(repliesLock);
-        messageReplies[id] = std::move(envelope["content"]);
+        std::lock_guard waiting(waitingLock);
+        const auto found = waitingMessages.find(id);
+        if (found == waitingMessages.end()) return;
+        entry = found->second;
+        {
+            std::lock_guard replies(repliesLock);
+            messageReplies[id] = std::move(envelope["content"]);
+        }
+        std::lock_guard entryGuard(entry->lock);
+        entry->replied = true;
     }
-    {
-        std::lock_guard entryGuard(entry->second->lock);
-        entry->second->replied = true;
-    }
-    entry->second->condition.notify_all();
+    // Signalled after the waiting-list lock is released: the woken sender takes that lock at
+    // once to collect its answer, and would otherwise block on this thread a second time.
+    entry->condition.notify_all();
 }
 
 std::optional<json> QBLumentideIPC::getMessage(int socket) {

@@ -176,10 +176,13 @@ public:
     // Client: one-way message on the connection.
     void sendMessageAndDontWait(const std::string& command, const nlohmann::json& data);
 
-    // The reader loop of one connection; takes over the descriptor and closes it at the end.
+    // The reader loop of one connection; takes over the descriptor and closes it at the end. It
+    // reads frames as getMessage() does, through a buffer that keeps bytes which arrived beyond
+    // the current frame for the next one.
     void processMessages(int socket);
-    // Reads one frame from the descriptor; nothing when the connection has ended or the frame is
-    // unreadable (zero or too long a length, bad JSON, not an object, too deep).
+    // Reads one frame from the descriptor, without reading past it; nothing when the connection
+    // has ended or the frame is unreadable (zero or too long a length, length bytes split
+    // across receive calls, bad JSON, not an object, too deep).
     static std::optional<nlohmann::json> getMessage(int socket);
     // Clears O_NONBLOCK; false when either fcntl call fails.
     static bool setBlocking(int socket);

@@ -290,3 +290,44 @@ TEST_F(QBLumentideIPCDispatchTest, ReplyThatArrivedBeforeTheDisconnectIsStillDel
     // the sender is answered.
     EXPECT_EQ(answer.get(), (json{{"kept", true}}));
 }
+
+// The length bytes must arrive in one piece: a marker alone is fine, a header cut inside its
+// length ends the connection.
+TEST_F(QBLumentideIPCDispatchTest, LengthBytesMustArriveTogether) {
+    const auto frame = RawFramePeer::frame(R"({"command":"c","messageid":"3","content":{}})");
+    auto whole = connectRawPeer();
+    ASSERT_TRUE(whole);
+    ASSERT_TRUE(whole->sendBytes({frame.begin(), frame.begin() + 1}));
+    std::this_thread::sleep_for(30ms);
+    ASSERT_TRUE(whole->sendBytes({frame.begin() + 1, frame.end()}));
+    const auto reply = whole->readEnvelope();
+    ASSERT_TRUE(reply.has_value());
+    EXPECT_EQ((*reply)["replyid"], "3");
+
+    auto cut = connectRawPeer();
+    ASSERT_TRUE(cut);
+    ASSERT_TRUE(cut->sendBytes({frame.begin(), frame.begin() + 3}));
+    std::this_thread::sleep_for(30ms);
+    cut->sendBytes({frame.begin() + 3, frame.end()});
+    EXPECT_TRUE(cut->waitForClose());
+}
+
+TEST_F(QBLumentideIPCDispatchTest, LargeAndBackToBackFramesArriveWhole) {
+    auto peer = connectRawPeer();
+    ASSERT_TRUE(peer);
+    const std::string large(300000, 'x');
+    std::vector<std::uint8_t> burst;
+    for (int i = 0; i < 20; ++i) {
+        const json command = {{"command", "c"}, {"messageid", std::to_string(i)}, {"content", {{"pad", i % 5 == 0 ? large : "s"}}}};
+        const auto frame = RawFramePeer::frame(command.dump());
+        burst.insert(burst.end(), frame.begin(), frame.end());
+    }
+    std::thread writer([&] { peer->sendBytes(burst); });  // the answers must be read meanwhile
+    for (int i = 0; i < 20; ++i) {
+        const auto reply = peer->readEnvelope();
+        ASSERT_TRUE(reply.has_value()) << i;
+        EXPECT_EQ((*reply)["replyid"], std::to_string(i));
+        EXPECT_EQ((*reply)["content"]["message"]["content"]["pad"].get<std::string>().size(), i % 5 == 0 ? large.size() : 1u);
+    }
+    writer.join();
+}

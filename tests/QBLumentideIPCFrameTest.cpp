@@ -31,7 +31,7 @@ public:
                 n = std::min(n, limits.front());
                 limits.pop_front();
             }
-            std::memcpy(out, bytes.data() + position, n);
+            if (n > 0) std::memcpy(out, bytes.data() + position, n);
             position += n;
             return static_cast<std::ptrdiff_t>(n);
         };
