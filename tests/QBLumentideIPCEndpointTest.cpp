@@ -1,13 +1,15 @@
-// Endpoints: the listening socket and its file, the server loop's start and end, client
-// connections, the client list, and the descriptors that all of them leave behind.
+// Endpoints: the socket file, the server loop's start and end, client connections, the client
+// list, socket activation, and the descriptors that all of them leave behind.
 
 #include <gtest/gtest.h>
 
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <fstream>
 #include <thread>
 
@@ -22,24 +24,55 @@ class QBLumentideIPCEndpointTest : public ChannelFixture {};
 
 int openDescriptorCount() {
     int count = 0;
-    if (DIR* directory = ::opendir("/proc/self/fd")) {
-        while (const dirent* entry = ::readdir(directory)) count += entry->d_name[0] != '.';
-        ::closedir(directory);
-    }
-    return count;
+    DIR* directory = ::opendir("/proc/self/fd");
+    while (const dirent* entry = ::readdir(directory)) count += entry->d_name[0] != '.';
+    ::closedir(directory);
+    return count - 1;  // the directory stream's own descriptor
 }
 
 bool isOpen(int descriptor) { return ::fcntl(descriptor, F_GETFD) >= 0; }
 
-// A path of exactly length bytes inside directory.
-std::string pathOfLength(const TempDir& directory, std::size_t length) {
-    const std::string prefix = directory.path() + "/";
-    return prefix + std::string(length - prefix.size(), 's');
+// Hands descriptors over at 3, 4, ... the way the service manager does; undone on destruction.
+class Activation {
+public:
+    Activation(const std::vector<int>& descriptors, const std::string& names) {
+        for (std::size_t i = 0; i < descriptors.size(); ++i) {
+            const int parked = ::fcntl(descriptors[i], F_DUPFD_CLOEXEC, 200);
+            ::close(descriptors[i]);
+            saved.push_back(::fcntl(3 + static_cast<int>(i), F_DUPFD_CLOEXEC, 200));  // -1 if unused
+            ::dup2(parked, 3 + static_cast<int>(i));
+            ::close(parked);
+        }
+        ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
+        ::setenv("LISTEN_FDS", std::to_string(descriptors.size()).c_str(), 1);
+        ::setenv("LISTEN_FDNAMES", names.c_str(), 1);
+    }
+    ~Activation() {
+        for (const char* name : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES"}) ::unsetenv(name);
+        for (std::size_t i = 0; i < saved.size(); ++i) {
+            saved[i] >= 0 ? ::dup2(saved[i], 3 + static_cast<int>(i)) : ::close(3 + static_cast<int>(i));
+            if (saved[i] >= 0) ::close(saved[i]);
+        }
+    }
+
+private:
+    std::vector<int> saved;
+};
+
+int unixSocket(const std::string& listenPath = "") {
+    const int descriptor = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (listenPath.empty()) return descriptor;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, listenPath.c_str(), sizeof address.sun_path - 1);
+    ::bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    ::listen(descriptor, 5);
+    return descriptor;
 }
 
 }  // namespace
 
-TEST_F(QBLumentideIPCEndpointTest, ServerReplacesAnExistingFileWithASocketOfMode0776) {
+TEST_F(QBLumentideIPCEndpointTest, ServerReplacesTheSocketFileAndRemovesItAtTheEndOnce) {
     std::ofstream(socketPath) << "left over by an earlier run";
     ::umask(022);
     ASSERT_TRUE(startServer());
@@ -47,123 +80,67 @@ TEST_F(QBLumentideIPCEndpointTest, ServerReplacesAnExistingFileWithASocketOfMode
     ASSERT_EQ(::stat(socketPath.c_str(), &status), 0);
     EXPECT_TRUE(S_ISSOCK(status.st_mode));
     EXPECT_EQ(status.st_mode & 07777, 0776u);
-    EXPECT_EQ(server->mode(), QBLumentideIPC::serverMode);
     EXPECT_EQ(log.count("LumentideHelper started", QBLog::Channel::notice), 1);
-
-    ASSERT_TRUE(stop(server));
-    EXPECT_NE(::access(socketPath.c_str(), F_OK), 0) << "the socket file is removed at the end";
-    EXPECT_EQ(log.count("LumentideHelper finished", QBLog::Channel::notice), 1);
-}
-
-TEST_F(QBLumentideIPCEndpointTest, ConcurrentShutdownsEndTheServerOnce) {
-    ASSERT_TRUE(startServer());
     auto client = connectClient();
     ASSERT_TRUE(client);
+
     std::vector<std::thread> stoppers;
     for (int i = 0; i < 8; ++i) stoppers.emplace_back([&] { server->shutdown(); });
     for (auto& stopper : stoppers) stopper.join();
     EXPECT_TRUE(server->waitForThreads(5s));
     EXPECT_TRUE(client->waitForThreads(5s)) << "the client sees its connection end";
-    EXPECT_EQ(client->socketState(), 0);
     EXPECT_TRUE(client->isShutdown());
-    EXPECT_EQ(log.count("LumentideHelper finished"), 1);
-    EXPECT_EQ(server->clientCount(), 0);
-}
-
-TEST_F(QBLumentideIPCEndpointTest, ShutdownBeforeTheLoopRunsStillEndsIt) {
-    server = QBLumentideIPC::initWithSocketPath(socketPath, false);
-    server->startServerOnThread();
-    server->shutdown();
-    EXPECT_TRUE(server->waitForThreads(5s));
     EXPECT_NE(::access(socketPath.c_str(), F_OK), 0);
+    EXPECT_EQ(log.count("LumentideHelper finished", QBLog::Channel::notice), 1);
+
+    auto early = QBLumentideIPC::initWithSocketPath(directory.file("early"), false);
+    early->startServerOnThread();
+    early->shutdown();  // before the loop has made its wake pipe
+    EXPECT_TRUE(early->waitForThreads(5s));
 }
 
-TEST_F(QBLumentideIPCEndpointTest, SocketPathLengthLimitIsInclusive) {
-    const std::string longest = pathOfLength(directory, QBLumentideIPC::maximumSocketPathLength);
+TEST_F(QBLumentideIPCEndpointTest, SocketPathsUpToTheAddressLimitWorkAndLongerOnesAreRefused) {
+    const std::string prefix = directory.path() + "/";
+    const std::string longest = prefix + std::string(QBLumentideIPC::maximumSocketPathLength - prefix.size(), 's');
     auto accepted = QBLumentideIPC::initWithSocketPath(longest, false);
     EXPECT_TRUE(accepted->listen());
-    EXPECT_EQ(::access(longest.c_str(), F_OK), 0);
     auto client = QBLumentideIPC::initWithSocketPath(longest, false);
-    EXPECT_TRUE(client->connectOnNewThread(true));
-    EXPECT_TRUE(stop(client));
+    EXPECT_TRUE(client->connect());
+    EXPECT_TRUE(shutDownAndWait(client));
     accepted->shutdown();
 
-    const std::string tooLong = pathOfLength(directory, QBLumentideIPC::maximumSocketPathLength + 1);
-    auto refused = QBLumentideIPC::initWithSocketPath(tooLong, false);
-    EXPECT_FALSE(refused->listen());
+    auto refused = QBLumentideIPC::initWithSocketPath(longest + "s", false);
     EXPECT_FALSE(refused->connect());
-    EXPECT_EQ(log.count("Failed to connect to Unix socket", QBLog::Channel::general), 1);
     refused->startServerAndBlock();
+    EXPECT_EQ(log.count("Failed to connect to Unix socket", QBLog::Channel::general), 1);
     EXPECT_EQ(log.count("Failed to listen on Unix socket", QBLog::Channel::general), 1);
-    EXPECT_EQ(::access(tooLong.c_str(), F_OK), -1);
     EXPECT_EQ(refused->clientCount(), 0);
-    EXPECT_EQ(refused->sendMessageToFirstClient("serviceCmd", {{"command", "state"}}), std::nullopt);
-    EXPECT_FALSE(log.contains("LumentideHelper started"));
+    EXPECT_EQ(refused->selfReference(), nullptr) << "the ended loop lets go of the endpoint";
     refused->shutdown();
 }
 
-TEST_F(QBLumentideIPCEndpointTest, ConnectWithoutServerFailsAndLogs) {
-    auto client = QBLumentideIPC::initWithSocketPath(socketPath, false);
-    const int before = openDescriptorCount();
-    EXPECT_FALSE(client->connect());
-    EXPECT_EQ(log.count("Failed to connect to Unix socket", QBLog::Channel::general), 1);
-    EXPECT_EQ(client->socketState(), 0);
-    EXPECT_EQ(openDescriptorCount(), before) << "the failed socket is closed";
-    client->shutdown();
-}
-
-TEST_F(QBLumentideIPCEndpointTest, ShutdownIfNoClientsOnlyStopsAnIdleServer) {
+TEST_F(QBLumentideIPCEndpointTest, ClientListDecidesShutdownIfNoClientsAndDisconnectClient) {
     ASSERT_TRUE(startServer());
-    auto client = connectClient();
-    ASSERT_TRUE(client);
+    auto first = QBLumentideIPC::initWithSocketPath(socketPath, false);
+    clients.push_back(first);
+    std::thread reader([&] { EXPECT_TRUE(first->connectOnNewThread(false)); });  // returns when closed
+    ASSERT_TRUE(waitUntil([&] { return server->clientCount() == 1; }));
+    auto second = connectClient();
+    ASSERT_TRUE(second);
     EXPECT_FALSE(server->shutdownIfNoClients());
-    EXPECT_FALSE(server->isShutdown());
-    // Still serving: the client's command is answered.
-    EXPECT_EQ(client->sendMessage("ping", json::object()).value_or(json())["status"], "INVALID");
 
-    ASSERT_TRUE(stop(client));
+    server->disconnectClient(12345);  // not a client: nothing happens
+    server->disconnectClient(server->clientSockets().at(0));
+    reader.join();
+    EXPECT_EQ(first->socketState(), 0);
+    EXPECT_FALSE(first->connect()) << "a client endpoint connects once";
+    ASSERT_TRUE(waitUntil([&] { return server->clientCount() == 1; }));
+    EXPECT_EQ(second->sendMessage("ping", json::object()).value_or(json())["status"], "INVALID");
+
+    ASSERT_TRUE(shutDownAndWait(second));
     ASSERT_TRUE(waitUntil([&] { return server->clientCount() == 0; }));
     EXPECT_TRUE(server->shutdownIfNoClients());
     EXPECT_TRUE(server->waitForThreads(5s));
-    EXPECT_EQ(log.count("LumentideHelper finished"), 1);
-}
-
-TEST_F(QBLumentideIPCEndpointTest, DisconnectClientEndsOnlyThatConnection) {
-    ASSERT_TRUE(startServer());
-    auto first = connectClient();
-    auto second = connectClient();
-    ASSERT_TRUE(first && second);
-    const auto sockets = server->clientSockets();
-    ASSERT_EQ(sockets.size(), 2u);
-    server->disconnectClient(sockets[0]);
-    EXPECT_TRUE(first->waitForThreads(5s));
-    EXPECT_EQ(first->socketState(), 0);
-    ASSERT_TRUE(waitUntil([&] { return server->clientCount() == 1; }));
-    EXPECT_EQ(server->clientSockets(), std::vector<int>{sockets[1]});
-    EXPECT_EQ(second->socketState(), 1);
-
-    server->disconnectClient(12345);  // not a client: nothing happens
-    EXPECT_EQ(server->clientCount(), 1);
-}
-
-TEST_F(QBLumentideIPCEndpointTest, ConnectOnCallingThreadReturnsWhenTheServerCloses) {
-    ASSERT_TRUE(startServer());
-    auto client = QBLumentideIPC::initWithSocketPath(socketPath, false);
-    std::atomic<bool> returned{false};
-    std::atomic<bool> result{false};
-    std::thread reader([&] {
-        result = client->connectOnNewThread(false);
-        returned = true;
-    });
-    ASSERT_TRUE(waitUntil([&] { return server->clientCount() == 1; }));
-    std::this_thread::sleep_for(20ms);
-    EXPECT_FALSE(returned) << "the reader runs on the calling thread until the connection ends";
-    server->disconnectClient(server->clientSockets().at(0));
-    reader.join();
-    EXPECT_TRUE(result);
-    EXPECT_EQ(client->socketState(), 0);
-    EXPECT_TRUE(client->isShutdown());
-    EXPECT_FALSE(client->connect()) << "a client endpoint connects once";
 }
 
 TEST_F(QBLumentideIPCEndpointTest, ThousandConnectionsLeaveNoDescriptorBehind) {
@@ -171,35 +148,67 @@ TEST_F(QBLumentideIPCEndpointTest, ThousandConnectionsLeaveNoDescriptorBehind) {
     const int before = openDescriptorCount();
     for (int i = 0; i < 1000; ++i) {
         auto client = QBLumentideIPC::initWithSocketPath(socketPath, false);
-        ASSERT_TRUE(client->connect()) << "cycle " << i;
-        if (i % 2 == 0) {
-            ASSERT_TRUE(client->sendMessage("ping", json::object()).has_value()) << "cycle " << i;
+        ASSERT_TRUE(client->connect()) << i;
+        if (i % 2) {
+            ASSERT_TRUE(client->sendMessage("ping", json::object())) << i;
         }
-        ASSERT_TRUE(stop(client)) << "cycle " << i;
+        ASSERT_TRUE(shutDownAndWait(client)) << i;
     }
-    ASSERT_TRUE(waitUntil([&] { return server->clientCount() == 0; }));
-    EXPECT_TRUE(waitUntil([&] { return openDescriptorCount() == before; }))
-        << openDescriptorCount() << " descriptors open, " << before << " before";
+    EXPECT_TRUE(waitUntil([&] { return server->clientCount() == 0 && openDescriptorCount() == before; }))
+        << openDescriptorCount() << " open, " << before << " before";
 }
 
-// A descriptor closed twice would close whatever file the process opened under the same number
-// in the meantime. Files opened while connections end must stay open.
-TEST_F(QBLumentideIPCEndpointTest, DescriptorsReusedWhileConnectionsEndStayOpen) {
+// A descriptor closed twice would close whatever the process opened under the same number.
+TEST_F(QBLumentideIPCEndpointTest, FilesOpenedWhileConnectionsEndStayOpen) {
     ASSERT_TRUE(startServer());
     std::vector<std::unique_ptr<RawFramePeer>> peers;
-    for (int i = 0; i < 20; ++i) {
-        peers.push_back(connectRawPeer());
-        ASSERT_TRUE(peers.back());
+    for (int i = 0; i < 20; ++i) peers.push_back(connectRawPeer());
+    for (const int client : server->clientSockets()) {
+        if (client % 2) server->disconnectClient(client);
     }
-    const auto sockets = server->clientSockets();
-    for (std::size_t i = 0; i < sockets.size() / 2; ++i) server->disconnectClient(sockets[i]);
     server->shutdown();
     std::vector<int> opened;
     for (int i = 0; i < 200; ++i) opened.push_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
     ASSERT_TRUE(server->waitForThreads(5s));
     for (const int descriptor : opened) {
-        EXPECT_TRUE(isOpen(descriptor)) << "descriptor " << descriptor << " was closed by the channel";
+        EXPECT_TRUE(isOpen(descriptor)) << descriptor;
         ::close(descriptor);
     }
-    for (const auto& peer : peers) EXPECT_TRUE(peer->waitForClose());
+}
+
+TEST_F(QBLumentideIPCEndpointTest, ActivatedServerUsesMasterSocketAndLeavesItToTheServiceManager) {
+    {
+        Activation activation({unixSocket(), unixSocket(socketPath)}, "Other:MasterSocket");
+        server = QBLumentideIPC::initWithSocketPath(socketPath, true);
+        server->startServerOnThread();
+        ASSERT_TRUE(waitUntil([&] { return log.contains("LumentideHelper started"); }));
+        EXPECT_EQ(log.count("Some sockets in dictionary will be ignored", QBLog::Channel::general), 1);
+        auto client = connectClient();
+        ASSERT_TRUE(client);
+        ASSERT_TRUE(shutDownAndWait(server));
+        EXPECT_TRUE(client->waitForThreads(5s));
+        EXPECT_TRUE(isOpen(4)) << "the passed socket stays open";
+        EXPECT_EQ(::access(socketPath.c_str(), F_OK), 0) << "and so does its file";
+    }
+    const std::pair<std::function<std::unique_ptr<Activation>()>, const char*> failures[] = {
+        {[] { return nullptr; }, "Could not get socket dictionary from checkin response"},
+        {[] { ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1), ::setenv("LISTEN_FDS", "x", 1);
+              return nullptr; }, "Checkin failed"},
+        {[&] { return std::make_unique<Activation>(std::vector<int>{unixSocket(directory.file("a"))}, "Other"); },
+         "Could not get file descriptor array"},
+        {[] { return std::make_unique<Activation>(std::vector<int>{unixSocket(), unixSocket()}, "MasterSocket:MasterSocket"); },
+         "Could not get file descriptor array entry: Type mismatch"}};
+    for (const auto& [prepare, expected] : failures) {
+        log.clear();
+        auto activation = prepare();
+        auto endpoint = QBLumentideIPC::initWithSocketPath(socketPath, true);
+        endpoint->startServerAndBlock();
+        EXPECT_EQ(log.count(expected, QBLog::Channel::general), 1) << expected;
+        EXPECT_EQ(log.count("Failed to get socket from launchd", QBLog::Channel::notice), 1) << expected;
+        EXPECT_FALSE(log.contains("LumentideHelper started")) << expected;
+    }
+    EXPECT_EQ(log.count("Some sockets in array will be ignored"), 1) << "two named MasterSocket";
+    auto plain = QBLumentideIPC::init();
+    EXPECT_EQ(plain->socketPath(), "/var/run/com.quarrybay.LumentideHelper.socket");
+    plain->shutdown();  // lets go of its self-reference
 }
