@@ -1,0 +1,281 @@
+#pragma once
+// QBLumentideIPC: one end of the GUI message channel, framed JSON messages over a Unix-domain
+// stream socket. The same class is the server end (a listening socket, an accept loop on a thread
+// of its own, one reader thread per connected client) and the client end (one connection with
+// one reader thread).
+//
+// Frames: one marker byte (0x00, ignored when read), the body length as an unsigned 32-bit
+// little-endian integer, then the body: the compact UTF-8 JSON of one envelope with "command",
+// "messageid", "content" and, in replies, "replyid". Every message sent by an endpoint, replies
+// included, takes the next id of its counter (1, 2, ..., 2147483647, 0, 1, ...).
+//
+// Invariants:
+//  - Every client descriptor is closed exactly once, by the reader thread of its connection,
+//    while it holds the endpoint lock and after it has taken the descriptor out of the client
+//    list (server) or out of _socket (client). Everyone else only wakes a reader, with
+//    shutdown(2), and only while the descriptor is known to be open.
+//  - A sender that waits for a reply returns nothing as soon as the endpoint shuts down or the
+//    connection that carries its request ends; a reply that arrived first still wins over the
+//    end of its connection.
+//  - The shutdown flag is set once (atomic exchange); the rest of shutdown() runs once.
+//
+// Threads: any thread may call any public operation. Every thread the endpoint starts holds a
+// shared_ptr to it, so an endpoint lives until its last thread ends; waitForThreads() lets an
+// owner (tests, an orderly exit) wait for that moment. Delegate operations run on reader threads.
+//
+// Lock order (outermost first): endpointLock, clientsLock, socketLock, waitingLock, repliesLock,
+// then a waiting entry's own lock. wakeLock, delegateLock, selfLock and the thread tracker's
+// lock are leaves. No lock is held while waiting for a reply or while blocked in a read.
+//
+//   auto ipc = QBLumentideIPC::initWithSocketPath("/run/example.socket", false);
+//   ipc->startServerOnThread();
+//   if (ipc->clientCount() > 0) {
+//       auto answer = ipc->sendMessageToFirstClient("serviceCmd", {{"command", "state"}});
+//   }
+//   ipc->shutdown();
+
+#include <sys/socket.h>
+#include <sys/types.h>
+#include <sys/un.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+class QBLumentideIPC;
+
+// The receiver of the commands that arrive on an endpoint. Every operation runs on the reader
+// thread of the connection concerned; the endpoint passes itself as the sender. Operations must
+// not throw.
+class QBLumentideIPCDelegate {
+public:
+    virtual ~QBLumentideIPCDelegate() = default;
+
+    // Once when a reader thread starts, before its first read.
+    virtual void clientConnected(QBLumentideIPC& sender);
+    // For every received command other than "reply"; true accepts it.
+    virtual bool validateCommand(const std::string& command, const nlohmann::json& data,
+                                 QBLumentideIPC& sender) = 0;
+    // For every accepted command; the object returned becomes the reply's content, nothing (or
+    // a value that is not an object) the content {"status":"OK"}.
+    virtual std::optional<nlohmann::json> processCommand(const std::string& command,
+                                                         const nlohmann::json& data, int client,
+                                                         QBLumentideIPC& sender) = 0;
+    // Once when a reader thread ends, after its connection has been torn down.
+    virtual void clientDisconnected(QBLumentideIPC& sender);
+};
+
+class QBLumentideIPC : public std::enable_shared_from_this<QBLumentideIPC> {
+    struct ConstructionKey {
+        explicit ConstructionKey() = default;
+    };
+
+public:
+    static constexpr std::int32_t serverMode = 0;
+    static constexpr std::int32_t clientMode = 1;
+
+    static constexpr const char* defaultSocketPath = "/var/run/com.quarrybay.LumentideHelper.socket";
+    // The channel carries commands and short answers of at most a few kilobytes. A megabyte
+    // leaves wide room and bounds what a peer can make a reader allocate; a longer frame ends
+    // its connection, and a longer message is not sent.
+    static constexpr std::uint32_t maximumFrameBodyLength = 1u << 20;
+    // Messages nest a few levels. Encoding and comparing JSON recurse once per level, so a
+    // deeper body (which an answer would echo) is treated as unreadable instead of exhausting a
+    // reader thread's stack.
+    static constexpr int maximumNestingDepth = 128;
+    // Linux keeps a filesystem socket path NUL-terminated inside sun_path.
+    static constexpr std::size_t maximumSocketPathLength = sizeof(sockaddr_un::sun_path) - 1;
+    // Frames leave and arrive in pieces of at most this many bytes per send or receive call.
+    static constexpr std::size_t transferChunkSize = 1024;
+    // The GUI application is the only client and connects once; a short queue is enough.
+    static constexpr int listenBacklog = 5;
+    // Owner and group may use the socket fully, others may connect.
+    static constexpr mode_t socketFileMode = 0776;
+    // After accept fails for lack of descriptors or memory, the listening socket stays
+    // readable; the loop pauses this long (or until shutdown) instead of spinning.
+    static constexpr std::chrono::milliseconds acceptRetryDelay{100};
+
+    // Frame I/O on plain inputs: a call that moves up to length bytes and returns the count, or
+    // 0 or less when the peer has closed or failed.
+    using SendCall = std::function<std::ptrdiff_t(const std::uint8_t* bytes, std::size_t length)>;
+    using ReceiveCall = std::function<std::ptrdiff_t(std::uint8_t* bytes, std::size_t length)>;
+
+    // The endpoint on defaultSocketPath, taking its listening socket from socket activation.
+    static std::shared_ptr<QBLumentideIPC> init();
+    // A client-mode endpoint on path; nothing is opened yet. Ignores SIGPIPE for the process.
+    static std::shared_ptr<QBLumentideIPC> initWithSocketPath(const std::string& path,
+                                                              bool useLaunchdSocket);
+
+    QBLumentideIPC(ConstructionKey, std::string path, bool useLaunchdSocket);
+    ~QBLumentideIPC();
+    QBLumentideIPC(const QBLumentideIPC&) = delete;
+    QBLumentideIPC& operator=(const QBLumentideIPC&) = delete;
+
+    // --- Server ---
+    // Becomes a server and runs the accept loop on the calling thread until shutdown(). Returns
+    // at once (after logging) when no listening socket or wake pipe can be had, and does nothing
+    // on an endpoint that already ran a server loop or is connected as a client.
+    void startServerAndBlock();
+    // Runs startServerAndBlock() on a new detached thread and returns at once.
+    void startServerOnThread();
+    // The descriptor named "MasterSocket" among those passed by socket activation, or -1.
+    int getSocketFromLaunchd();
+    // Creates, binds (replacing any file at the path, mode 0776) and listens; false on failure,
+    // including a path that is empty or longer than maximumSocketPathLength.
+    bool listen();
+    // Number of connected clients (0 in client mode or when the server never started).
+    std::int32_t clientCount() const;
+    // Descriptors of the connected clients, earliest first.
+    std::vector<int> clientSockets() const;
+    // Calls shutdown() and returns true when no client is connected; false otherwise.
+    bool shutdownIfNoClients();
+    // Ends the connection of that connected client; its reader tears it down. Does nothing for a
+    // descriptor that is not a connected client of this endpoint.
+    void disconnectClient(int socket);
+
+    // --- Client ---
+    // connectOnNewThread(true).
+    bool connect();
+    // Connects to the path and runs the reader on a new thread (true) or on the calling thread
+    // until the connection ends (false). False when the connect fails, the path is refused, or
+    // the endpoint is already connected, shut down or a server.
+    bool connectOnNewThread(bool runOnNewThread);
+
+    // --- Both ---
+    // Stops the endpoint: a server ends its loop and closes its clients, a client closes its
+    // connection; every waiting sender returns nothing. Later calls do nothing.
+    void shutdown();
+    // Blocks until every thread this endpoint started has ended; false when timeout passes first.
+    bool waitForThreads(std::chrono::milliseconds timeout) const;
+
+    // The send primitive. With a reply id it sends that reply and never waits; with getReply it
+    // waits for the answer and returns its "content"; otherwise returns nothing once written.
+    // Nothing also when toSocket is not an open connection of this endpoint, data is neither
+    // nothing nor an object, the write fails, or the wait ends without an answer.
+    std::optional<nlohmann::json> sendMessage(const std::string& command,
+                                              const std::optional<nlohmann::json>& data,
+                                              const std::optional<std::string>& replyId,
+                                              bool getReply, int toSocket);
+    // Server: request to the earliest connected client, waiting for its answer; nothing at once
+    // in client mode or without clients.
+    std::optional<nlohmann::json> sendMessageToFirstClient(const std::string& command,
+                                                           const nlohmann::json& data);
+    // Client: request on the connection, waiting for its answer; nothing when not connected.
+    std::optional<nlohmann::json> sendMessage(const std::string& command, const nlohmann::json& data);
+    // Client: one-way message on the connection.
+    void sendMessageAndDontWait(const std::string& command, const nlohmann::json& data);
+
+    // The reader loop of one connection; takes over the descriptor and closes it at the end. It
+    // reads frames as getMessage() does, through a buffer that keeps bytes which arrived beyond
+    // the current frame for the next one.
+    void processMessages(int socket);
+    // Reads one frame from the descriptor, without reading past it; nothing when the connection
+    // has ended or the frame is unreadable (zero or too long a length, length bytes split
+    // across receive calls, bad JSON, not an object, too deep).
+    static std::optional<nlohmann::json> getMessage(int socket);
+    // Clears O_NONBLOCK; false when either fcntl call fails.
+    static bool setBlocking(int socket);
+
+    // --- Frames on plain inputs ---
+    // The frame of an envelope; empty when its body would exceed maximumFrameBodyLength.
+    static std::vector<std::uint8_t> frameWithEnvelope(const nlohmann::json& envelope);
+    // Writes the frame in pieces of at most transferChunkSize; false at the first failing call.
+    static bool writeFrame(const std::vector<std::uint8_t>& frame, const SendCall& send);
+    // Reads one frame: 1 marker byte, 4 length bytes in one call, then the body in pieces.
+    static std::optional<nlohmann::json> readFrame(const ReceiveCall& receive);
+    // "command" a string, "messageid" a string, "content" an object.
+    static bool isValidEnvelope(const nlohmann::json& envelope);
+    // The id that follows last: last + 1, and 0 after 2147483647.
+    static std::int32_t nextMessageId(std::int32_t last);
+
+    // --- Properties ---
+    std::shared_ptr<QBLumentideIPCDelegate> delegate() const;
+    void setDelegate(const std::shared_ptr<QBLumentideIPCDelegate>& delegate);
+    std::shared_ptr<QBLumentideIPC> selfReference() const;
+    void setSelfReference(std::shared_ptr<QBLumentideIPC> reference);
+    // The id of the last message framed; setting it decides the next id (tests use this).
+    std::int32_t lastMessageId() const;
+    void setLastMessageId(std::int32_t value);
+    std::int32_t mode() const { return mode_.load(); }
+    std::int32_t socketState() const { return socketState_.load(); }
+    const std::string& socketPath() const { return _path; }
+    bool isShutdown() const { return shutdownRequested.load(); }
+
+private:
+    struct WaitingEntry;
+    class ThreadTracker;
+
+    bool startTrackedThread(std::function<void(QBLumentideIPC&)> job);
+    bool obtainListeningSocket();
+    bool createWakePipe();
+    void runAcceptLoop();
+    void pauseAfterFailedAccept();
+    void tearDownServer();
+    void releaseListeningSocket();
+    void closeWakePipe();
+
+    bool isOpenConnection(int socket) const;
+    std::vector<std::uint8_t> frameForMessage(const std::string& command, const nlohmann::json& content,
+                                              const std::optional<std::string>& replyId);
+    std::optional<nlohmann::json> awaitReply(const std::string& messageId, WaitingEntry& entry);
+    void forgetWaitingEntry(const std::string& messageId);
+
+    bool enterReaderLoop(int socket);
+    void handleEnvelope(nlohmann::json& envelope, int socket);
+    void answerCommand(const nlohmann::json& envelope, int socket);
+    void matchReply(nlohmann::json& envelope);
+    void endConnection(int socket);
+    void wakeWaiters(const std::function<bool(const WaitingEntry&)>& concerned);
+
+    const std::string _path;
+    const bool useLaunchdSocket;
+
+    std::atomic<int> _socket{-1};
+    std::atomic<std::int32_t> socketState_{0};
+    std::atomic<std::int32_t> mode_{clientMode};
+    std::atomic<bool> shutdownRequested{false};
+    std::atomic<bool> serverLoopStarted{false};
+
+    // Serialises whole sends and the close of client descriptors; guards lastMessageId_.
+    mutable std::mutex endpointLock;
+    std::int32_t lastMessageId_ = 0;
+
+    // Guards activeSockets (server mode: the connected clients, in the order they connected).
+    mutable std::mutex clientsLock;
+    std::vector<int> activeSockets;
+
+    // Client mode: held to shut down _socket while it is open and by the reader when it gives
+    // _socket up, so that shutdown() never touches a descriptor that was closed.
+    std::mutex socketLock;
+
+    // Guards waitingMessages: requests whose senders wait, by message id.
+    std::mutex waitingLock;
+    std::map<std::string, std::shared_ptr<WaitingEntry>> waitingMessages;
+
+    // Guards messageReplies: answers that arrived and are not yet collected, by message id.
+    std::mutex repliesLock;
+    std::map<std::string, nlohmann::json> messageReplies;
+
+    // Guards wakePipe, so that the wake byte is only written into the pipe while it is open.
+    std::mutex wakeLock;
+    int wakePipe[2] = {-1, -1};
+
+    mutable std::mutex delegateLock;  // guards _delegate
+    std::weak_ptr<QBLumentideIPCDelegate> _delegate;
+
+    mutable std::mutex selfLock;  // guards _selfReference
+    std::shared_ptr<QBLumentideIPC> _selfReference;
+
+    std::shared_ptr<ThreadTracker> threads;
+};

@@ -1,0 +1,214 @@
+// Endpoints: the socket file, the server loop's start and end, client connections, the client
+// list, socket activation, and the descriptors that all of them leave behind.
+
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+#include <thread>
+
+#include "support/ChannelFixture.h"
+
+using nlohmann::json;
+using namespace std::chrono_literals;
+
+namespace {
+
+class QBLumentideIPCEndpointTest : public ChannelFixture {};
+
+int openDescriptorCount() {
+    int count = 0;
+    DIR* directory = ::opendir("/proc/self/fd");
+    while (const dirent* entry = ::readdir(directory)) count += entry->d_name[0] != '.';
+    ::closedir(directory);
+    return count - 1;  // the directory stream's own descriptor
+}
+
+bool isOpen(int descriptor) { return ::fcntl(descriptor, F_GETFD) >= 0; }
+
+// Hands descriptors over at 3, 4, ... the way the service manager does; undone on destruction.
+class Activation {
+public:
+    Activation(const std::vector<int>& descriptors, const std::string& names) {
+        for (std::size_t i = 0; i < descriptors.size(); ++i) {
+            const int parked = ::fcntl(descriptors[i], F_DUPFD_CLOEXEC, 200);
+            ::close(descriptors[i]);
+            saved.push_back(::fcntl(3 + static_cast<int>(i), F_DUPFD_CLOEXEC, 200));  // -1 if unused
+            ::dup2(parked, 3 + static_cast<int>(i));
+            ::close(parked);
+        }
+        ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
+        ::setenv("LISTEN_FDS", std::to_string(descriptors.size()).c_str(), 1);
+        ::setenv("LISTEN_FDNAMES", names.c_str(), 1);
+    }
+    ~Activation() {
+        for (const char* name : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES"}) ::unsetenv(name);
+        for (std::size_t i = 0; i < saved.size(); ++i) {
+            saved[i] >= 0 ? ::dup2(saved[i], 3 + static_cast<int>(i)) : ::close(3 + static_cast<int>(i));
+            if (saved[i] >= 0) ::close(saved[i]);
+        }
+    }
+
+private:
+    std::vector<int> saved;
+};
+
+int unixSocket(const std::string& listenPath = "") {
+    const int descriptor = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (listenPath.empty()) return descriptor;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, listenPath.c_str(), sizeof address.sun_path - 1);
+    ::bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    ::listen(descriptor, 5);
+    return descriptor;
+}
+
+}  // namespace
+
+TEST_F(QBLumentideIPCEndpointTest, ServerReplacesTheSocketFileAndRemovesItAtTheEndOnce) {
+    std::ofstream(socketPath) << "left over by an earlier run";
+    ::umask(022);
+    ASSERT_TRUE(startServer());
+    struct stat status {};
+    ASSERT_EQ(::stat(socketPath.c_str(), &status), 0);
+    EXPECT_TRUE(S_ISSOCK(status.st_mode));
+    EXPECT_EQ(status.st_mode & 07777, 0776u);
+    EXPECT_EQ(log.count("LumentideHelper started", QBLog::Channel::notice), 1);
+    auto client = connectClient();
+    ASSERT_TRUE(client);
+
+    std::vector<std::thread> stoppers;
+    for (int i = 0; i < 8; ++i) stoppers.emplace_back([&] { server->shutdown(); });
+    for (auto& stopper : stoppers) stopper.join();
+    EXPECT_TRUE(server->waitForThreads(5s));
+    EXPECT_TRUE(client->waitForThreads(5s)) << "the client sees its connection end";
+    EXPECT_TRUE(client->isShutdown());
+    EXPECT_NE(::access(socketPath.c_str(), F_OK), 0);
+    EXPECT_EQ(log.count("LumentideHelper finished", QBLog::Channel::notice), 1);
+
+    auto early = QBLumentideIPC::initWithSocketPath(directory.file("early"), false);
+    early->startServerOnThread();
+    early->shutdown();  // before the loop has made its wake pipe
+    EXPECT_TRUE(early->waitForThreads(5s));
+}
+
+TEST_F(QBLumentideIPCEndpointTest, SocketPathsUpToTheAddressLimitWorkAndLongerOnesAreRefused) {
+    const std::string prefix = directory.path() + "/";
+    const std::string longest = prefix + std::string(QBLumentideIPC::maximumSocketPathLength - prefix.size(), 's');
+    auto accepted = QBLumentideIPC::initWithSocketPath(longest, false);
+    EXPECT_TRUE(accepted->listen());
+    auto client = QBLumentideIPC::initWithSocketPath(longest, false);
+    EXPECT_TRUE(client->connect());
+    EXPECT_TRUE(shutDownAndWait(client));
+    accepted->shutdown();
+
+    auto refused = QBLumentideIPC::initWithSocketPath(longest + "s", false);
+    EXPECT_FALSE(refused->connect());
+    refused->startServerAndBlock();
+    EXPECT_EQ(log.count("Failed to connect to Unix socket", QBLog::Channel::general), 1);
+    EXPECT_EQ(log.count("Failed to listen on Unix socket", QBLog::Channel::general), 1);
+    EXPECT_EQ(refused->clientCount(), 0);
+    EXPECT_EQ(refused->selfReference(), nullptr) << "the ended loop lets go of the endpoint";
+    refused->shutdown();
+}
+
+TEST_F(QBLumentideIPCEndpointTest, ClientListDecidesShutdownIfNoClientsAndDisconnectClient) {
+    ASSERT_TRUE(startServer());
+    auto first = QBLumentideIPC::initWithSocketPath(socketPath, false);
+    clients.push_back(first);
+    std::thread reader([&] { EXPECT_TRUE(first->connectOnNewThread(false)); });  // returns when closed
+    ASSERT_TRUE(waitUntil([&] { return server->clientCount() == 1; }));
+    auto second = connectClient();
+    ASSERT_TRUE(second);
+    EXPECT_FALSE(server->shutdownIfNoClients());
+
+    server->disconnectClient(12345);  // not a client: nothing happens
+    server->disconnectClient(server->clientSockets().at(0));
+    reader.join();
+    EXPECT_EQ(first->socketState(), 0);
+    EXPECT_FALSE(first->connect()) << "a client endpoint connects once";
+    ASSERT_TRUE(waitUntil([&] { return server->clientCount() == 1; }));
+    EXPECT_EQ(second->sendMessage("ping", json::object()).value_or(json())["status"], "INVALID");
+
+    ASSERT_TRUE(shutDownAndWait(second));
+    ASSERT_TRUE(waitUntil([&] { return server->clientCount() == 0; }));
+    EXPECT_TRUE(server->shutdownIfNoClients());
+    EXPECT_TRUE(server->waitForThreads(5s));
+}
+
+TEST_F(QBLumentideIPCEndpointTest, ThousandConnectionsLeaveNoDescriptorBehind) {
+    ASSERT_TRUE(startServer());
+    const int before = openDescriptorCount();
+    for (int i = 0; i < 1000; ++i) {
+        auto client = QBLumentideIPC::initWithSocketPath(socketPath, false);
+        ASSERT_TRUE(client->connect()) << i;
+        if (i % 2) {
+            ASSERT_TRUE(client->sendMessage("ping", json::object())) << i;
+        }
+        ASSERT_TRUE(shutDownAndWait(client)) << i;
+    }
+    EXPECT_TRUE(waitUntil([&] { return server->clientCount() == 0 && openDescriptorCount() == before; }))
+        << openDescriptorCount() << " open, " << before << " before";
+}
+
+// A descriptor closed twice would close whatever the process opened under the same number.
+TEST_F(QBLumentideIPCEndpointTest, FilesOpenedWhileConnectionsEndStayOpen) {
+    ASSERT_TRUE(startServer());
+    std::vector<std::unique_ptr<RawFramePeer>> peers;
+    for (int i = 0; i < 20; ++i) peers.push_back(connectRawPeer());
+    for (const int client : server->clientSockets()) {
+        if (client % 2) server->disconnectClient(client);
+    }
+    server->shutdown();
+    std::vector<int> opened;
+    for (int i = 0; i < 200; ++i) opened.push_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    ASSERT_TRUE(server->waitForThreads(5s));
+    for (const int descriptor : opened) {
+        EXPECT_TRUE(isOpen(descriptor)) << descriptor;
+        ::close(descriptor);
+    }
+}
+
+TEST_F(QBLumentideIPCEndpointTest, ActivatedServerUsesMasterSocketAndLeavesItToTheServiceManager) {
+    {
+        Activation activation({unixSocket(), unixSocket(socketPath)}, "Other:MasterSocket");
+        server = QBLumentideIPC::initWithSocketPath(socketPath, true);
+        server->startServerOnThread();
+        ASSERT_TRUE(waitUntil([&] { return log.contains("LumentideHelper started"); }));
+        EXPECT_EQ(log.count("Some sockets in dictionary will be ignored", QBLog::Channel::general), 1);
+        auto client = connectClient();
+        ASSERT_TRUE(client);
+        ASSERT_TRUE(shutDownAndWait(server));
+        EXPECT_TRUE(client->waitForThreads(5s));
+        EXPECT_TRUE(isOpen(4)) << "the passed socket stays open";
+        EXPECT_EQ(::access(socketPath.c_str(), F_OK), 0) << "and so does its file";
+    }
+    const std::pair<std::function<std::unique_ptr<Activation>()>, const char*> failures[] = {
+        {[] { return nullptr; }, "Could not get socket dictionary from checkin response"},
+        {[] { ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1), ::setenv("LISTEN_FDS", "x", 1);
+              return nullptr; }, "Checkin failed"},
+        {[&] { return std::make_unique<Activation>(std::vector<int>{unixSocket(directory.file("a"))}, "Other"); },
+         "Could not get file descriptor array"},
+        {[] { return std::make_unique<Activation>(std::vector<int>{unixSocket(), unixSocket()}, "MasterSocket:MasterSocket"); },
+         "Could not get file descriptor array entry: Type mismatch"}};
+    for (const auto& [prepare, expected] : failures) {
+        log.clear();
+        auto activation = prepare();
+        auto endpoint = QBLumentideIPC::initWithSocketPath(socketPath, true);
+        endpoint->startServerAndBlock();
+        EXPECT_EQ(log.count(expected, QBLog::Channel::general), 1) << expected;
+        EXPECT_EQ(log.count("Failed to get socket from launchd", QBLog::Channel::notice), 1) << expected;
+        EXPECT_FALSE(log.contains("LumentideHelper started")) << expected;
+    }
+    EXPECT_EQ(log.count("Some sockets in array will be ignored"), 1) << "two named MasterSocket";
+    auto plain = QBLumentideIPC::init();
+    EXPECT_EQ(plain->socketPath(), "/var/run/com.quarrybay.LumentideHelper.socket");
+    plain->shutdown();  // lets go of its self-reference
+}

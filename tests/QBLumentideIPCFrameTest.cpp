@@ -1,0 +1,93 @@
+// Frames on plain inputs: how a frame is handed to send calls and which bytes a reader accepts.
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstring>
+
+#include "QBLumentideIPC.h"
+#include "support/RawFramePeer.h"
+
+using nlohmann::json;
+
+namespace {
+
+// A compact envelope whose JSON text is exactly size bytes long (size >= 60).
+std::string envelopeOfSize(std::size_t size) {
+    const std::string head = R"({"command":"x","content":{"pad":")", tail = R"("},"messageid":"1"})";
+    return head + std::string(size - head.size() - tail.size(), 'a') + tail;
+}
+
+// Reads a frame from bytes; each receive call returns at most the next limit (if any).
+std::optional<json> readFrom(const std::vector<std::uint8_t>& bytes, std::vector<std::size_t> limits = {},
+                             std::vector<std::size_t>* requested = nullptr) {
+    std::size_t position = 0, call = 0;
+    return QBLumentideIPC::readFrame([&](std::uint8_t* out, std::size_t length) {
+        if (requested) requested->push_back(length);
+        std::size_t n = std::min(length, bytes.size() - position);
+        if (call < limits.size()) n = std::min(n, limits[call]);
+        ++call;
+        if (n > 0) std::memcpy(out, bytes.data() + position, n);
+        position += n;
+        return static_cast<std::ptrdiff_t>(n);
+    });
+}
+
+}  // namespace
+
+TEST(QBLumentideIPCFrameTest, FramesLeaveInPiecesOfAtMost1024BytesAndStopAtAFailure) {
+    const std::pair<std::size_t, std::vector<std::size_t>> cases[] = {
+        {1019, {1024}}, {1020, {1024, 1}}, {3000, {1024, 1024, 957}}};  // header + 1019 fill one call
+    for (const auto& [bodySize, expectedCalls] : cases) {
+        const auto frame = QBLumentideIPC::frameWithEnvelope(json::parse(envelopeOfSize(bodySize)));
+        std::vector<std::size_t> calls;
+        std::vector<std::uint8_t> sent;
+        EXPECT_TRUE(QBLumentideIPC::writeFrame(frame, [&](const std::uint8_t* bytes, std::size_t n) {
+            calls.push_back(n);
+            sent.insert(sent.end(), bytes, bytes + n);
+            return static_cast<std::ptrdiff_t>(n);
+        }));
+        EXPECT_EQ(calls, expectedCalls) << bodySize;
+        EXPECT_EQ(sent, RawFramePeer::frame(envelopeOfSize(bodySize))) << bodySize;
+    }
+    int calls = 0;
+    EXPECT_FALSE(QBLumentideIPC::writeFrame(QBLumentideIPC::frameWithEnvelope(json::parse(envelopeOfSize(3000))),
+                                            [&](const std::uint8_t*, std::size_t n) {
+                                                return ++calls == 2 ? -1 : static_cast<std::ptrdiff_t>(n);
+                                            }));
+    EXPECT_EQ(calls, 2);
+}
+
+TEST(QBLumentideIPCFrameTest, ReaderTakesMarkerAndLengthInOneCallEachAndTheBodyInPieces) {
+    std::vector<std::size_t> requested;
+    const auto envelope = readFrom(RawFramePeer::frame(envelopeOfSize(2100), 0x7F), {1, 4, 1024, 300}, &requested);
+    EXPECT_EQ(envelope, json::parse(envelopeOfSize(2100))) << "the marker's value does not matter";
+    EXPECT_EQ(requested, (std::vector<std::size_t>{1, 4, 1024, 1024, 776}));
+}
+
+TEST(QBLumentideIPCFrameTest, UnreadableFramesGiveNothingAndLimitsAreInclusive) {
+    const auto header = [](std::uint32_t n) {
+        return std::vector<std::uint8_t>{0, std::uint8_t(n), std::uint8_t(n >> 8), std::uint8_t(n >> 16), std::uint8_t(n >> 24)};
+    };
+    const auto nested = [](int depth) {  // depth counts the envelope itself
+        return R"({"command":"c","messageid":"1","content":{"a":)" + std::string(depth - 2, '[') + std::string(depth - 2, ']') + "}}";
+    };
+    const std::string good = R"({"command":"c","messageid":"1","content":{}})";
+    auto truncated = RawFramePeer::frame(good);
+    truncated.pop_back();
+    const std::pair<const char*, std::vector<std::uint8_t>> unreadable[] = {
+        {"nothing", {}}, {"zero length", header(0)}, {"body cut short", truncated},
+        {"top-level array", RawFramePeer::frame("[1]")}, {"invalid JSON", RawFramePeer::frame("{\"a\":")},
+        {"invalid UTF-8", RawFramePeer::frame("{\"a\":\"\xC3\x28\"}")},
+        {"length past the limit", header(QBLumentideIPC::maximumFrameBodyLength + 1)}, {"largest length", header(UINT32_MAX)},
+        {"nesting past the limit", RawFramePeer::frame(nested(QBLumentideIPC::maximumNestingDepth + 1))}};
+    for (const auto& [name, bytes] : unreadable) EXPECT_EQ(readFrom(bytes), std::nullopt) << name;
+    EXPECT_EQ(readFrom(RawFramePeer::frame(good), {1, 3}), std::nullopt) << "length split across calls";
+
+    EXPECT_TRUE(readFrom(RawFramePeer::frame(nested(QBLumentideIPC::maximumNestingDepth))));
+    EXPECT_TRUE(readFrom(RawFramePeer::frame(R"({"a":")" + std::string(500, '[') + R"(\"{"})")));
+    const std::string longest = envelopeOfSize(QBLumentideIPC::maximumFrameBodyLength);
+    EXPECT_TRUE(readFrom(RawFramePeer::frame(longest)));
+    EXPECT_EQ(QBLumentideIPC::frameWithEnvelope(json::parse(longest)).size(), longest.size() + 5);
+    EXPECT_TRUE(QBLumentideIPC::frameWithEnvelope(json::parse(envelopeOfSize(longest.size() + 1))).empty());
+}

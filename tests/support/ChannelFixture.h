@@ -1,0 +1,76 @@
+#pragma once
+// ChannelFixture: a server endpoint on a temporary socket path, with the log captured. TearDown
+// shuts down every endpoint the test made and checks that all their threads have ended.
+// PendingAnswer: a send running on a thread of its own. ScriptedDelegate: answers chosen by the
+// test, with the calls counted.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <future>
+#include <memory>
+#include <string>
+
+#include "QBLumentideIPC.h"
+#include "support/LogCapture.h"
+#include "support/RawFramePeer.h"
+#include "support/TempDir.h"
+
+// Polls predicate until it holds or timeout passes; returns its last value.
+bool waitUntil(const std::function<bool()>& predicate, std::chrono::milliseconds timeout = std::chrono::seconds(5));
+// Shuts endpoint down; false when its threads do not end in time.
+bool shutDownAndWait(const std::shared_ptr<QBLumentideIPC>& endpoint);
+
+// If the test fails before the answer comes, the endpoint is shut down on the way out, so the
+// sending thread never outlives the test.
+class PendingAnswer {
+public:
+    using Send = std::function<std::optional<nlohmann::json>(QBLumentideIPC&)>;
+    PendingAnswer(std::shared_ptr<QBLumentideIPC> endpoint, Send send);
+    PendingAnswer(PendingAnswer&&) = default;
+    ~PendingAnswer();
+    // The answer within timeout; an unfinished send counts as a test failure and gives nothing.
+    std::optional<nlohmann::json> get(std::chrono::milliseconds timeout = std::chrono::seconds(5));
+    bool isReadyBy(std::chrono::steady_clock::time_point deadline) const;
+
+private:
+    std::shared_ptr<QBLumentideIPC> endpoint;
+    std::future<std::optional<nlohmann::json>> answer;
+};
+
+struct ScriptedDelegate : QBLumentideIPCDelegate {
+    std::function<bool(const std::string& command)> validate = [](const std::string&) { return true; };
+    std::function<std::optional<nlohmann::json>(const std::string&, const nlohmann::json&)> process =
+        [](const std::string&, const nlohmann::json&) { return std::nullopt; };
+    std::atomic<int> connected{0}, disconnected{0}, processed{0}, lastClient{-1};
+    std::atomic<QBLumentideIPC*> lastSender{nullptr};
+
+    void clientConnected(QBLumentideIPC& sender) override { lastSender = &sender, ++connected; }
+    void clientDisconnected(QBLumentideIPC& sender) override { lastSender = &sender, ++disconnected; }
+    bool validateCommand(const std::string& command, const nlohmann::json&, QBLumentideIPC&) override {
+        return validate(command);
+    }
+    std::optional<nlohmann::json> processCommand(const std::string& command, const nlohmann::json& data,
+                                                 int client, QBLumentideIPC&) override {
+        lastClient = client, ++processed;
+        return process(command, data);
+    }
+};
+
+class ChannelFixture : public ::testing::Test {
+protected:
+    void TearDown() override;
+    bool startServer();  // true once the server listens
+    // A client endpoint whose connection the server has counted, or null.
+    std::shared_ptr<QBLumentideIPC> connectClient(const std::shared_ptr<QBLumentideIPCDelegate>& delegate = nullptr);
+    std::unique_ptr<RawFramePeer> connectRawPeer();
+    PendingAnswer requestFromFirstClient(const nlohmann::json& data);
+
+    LogCapture log;
+    TempDir directory;
+    std::string socketPath = directory.file("channel.socket");
+    std::shared_ptr<QBLumentideIPC> server;
+    std::vector<std::shared_ptr<QBLumentideIPC>> clients;
+};
