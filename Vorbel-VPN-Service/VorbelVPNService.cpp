@@ -1,5 +1,19 @@
 #include "VorbelVPNService.h"
 
+#include <chrono>
+#include <thread>
+
+#include "QBKelvoXMLRPCServer.h"
+#include "QBLumentideIPC.h"
+
+namespace {
+
+// Bound on waiting for the channel's threads at stop: they only have to notice the wake-up and
+// close descriptors, so this is generous; a stuck GUI reader must not keep the daemon alive.
+constexpr std::chrono::seconds channelTeardownTimeout{5};
+
+}  // namespace
+
 VorbelVPNService::VorbelVPNService(Settings settings)
     : settings_(std::move(settings)),
       address1_(QBIPAddress::ipAddressWithAddress(settings_.address1)),
@@ -9,12 +23,42 @@ VorbelVPNService::VorbelVPNService(Settings settings)
 VorbelVPNService::~VorbelVPNService() = default;
 
 void VorbelVPNService::startService() {
-    // The bridge servers and the channel join this sequence as they are built; until then there
-    // is nothing to serve and the start returns at once.
+    auto channel = QBLumentideIPC::initWithSocketPath(settings_.channelSocketPath, false);
+    setLumentideIPC(channel);
+    channel->startServerOnThread();
+
+    const auto listeningPort = static_cast<std::int32_t>(port());
+    auto server1 = QBKelvoXMLRPCServer::serverWithAddress(address1(), listeningPort, channel);
+    setXmlRpcServer1(server1);
+    auto server2 = QBKelvoXMLRPCServer::serverWithAddress(address2(), listeningPort, channel);
+    setXmlRpcServer2(server2);
+
+    // A stop that came while the parts above were being made found some of them unset; stop
+    // them now so that the service still ends. (stopService sets the flag before it reads the
+    // properties, and the properties are set before the flag is read here, so between the two
+    // every part is stopped at least once; a second shutdown has no effect.)
+    if (stopRequested.load()) {
+        server1->shutdown();
+        server2->shutdown();
+        channel->shutdown();
+    }
+
+    std::thread serving1([server1] { server1->serve(); });
+    std::thread serving2([server2] { server2->serve(); });
+    serving1.join();
+    serving2.join();
 }
 
 void VorbelVPNService::stopService() {
     stopRequested.store(true);
+    if (auto server = xmlRpcServer1()) server->shutdown();
+    if (auto server = xmlRpcServer2()) server->shutdown();
+    if (auto channel = lumentideIPC()) {
+        channel->shutdown();
+        // The channel tears down on its own threads (closing its clients and removing the
+        // socket file); the stop is complete, and the process may end, only after that.
+        channel->waitForThreads(channelTeardownTimeout);
+    }
 }
 
 #define QB_ATOMIC_PROPERTY(Type, getter, setter, field)   \
