@@ -8,6 +8,8 @@
 // handler on a new worker thread. Handlers for different arrivals may run at the same time.
 //
 // Construct it on the main thread before any other thread exists (the mask is only inherited).
+// Child processes inherit the blocked mask too: code that starts a child must reset it
+// (posix_spawnattr_setsigmask with POSIX_SPAWN_SETSIGMASK, or sigprocmask after fork).
 // waitForHandlers() and the destructor may be called from the owning thread only.
 //
 //   QBSignalSource stop({SIGTERM, SIGINT}, [&](int) { service->stopService(); });
