@@ -1,5 +1,6 @@
 #include "support/ChannelFixture.h"
 
+#include <stdexcept>
 #include <thread>
 
 bool waitUntil(const std::function<bool()>& predicate, std::chrono::milliseconds timeout) {
@@ -16,19 +17,8 @@ bool shutDownAndWait(const std::shared_ptr<QBLumentideIPC>& endpoint) {
     return endpoint->waitForThreads(std::chrono::seconds(10));
 }
 
-PendingAnswer::PendingAnswer(std::shared_ptr<QBLumentideIPC> endpoint, Send send)
-    : endpoint(endpoint), answer(std::async(std::launch::async, [endpoint, send] { return send(*endpoint); })) {}
-
-PendingAnswer::~PendingAnswer() {
-    if (answer.valid() && !isReadyBy(std::chrono::steady_clock::now())) endpoint->shutdown();
-}
-
-bool PendingAnswer::isReadyBy(std::chrono::steady_clock::time_point deadline) const {
-    return answer.wait_until(deadline) == std::future_status::ready;
-}
-
-std::optional<nlohmann::json> PendingAnswer::get(std::chrono::milliseconds timeout) {
-    if (isReadyBy(std::chrono::steady_clock::now() + timeout)) return answer.get();
+std::optional<nlohmann::json> PendingAnswer::get() {
+    if (isReadyBy(std::chrono::steady_clock::now() + std::chrono::seconds(5))) return answer.get();
     ADD_FAILURE() << "the send did not return in time";
     return std::nullopt;
 }
@@ -41,32 +31,27 @@ bool ChannelFixture::startServer() {
 }
 
 std::shared_ptr<QBLumentideIPC> ChannelFixture::connectClient(const std::shared_ptr<QBLumentideIPCDelegate>& delegate) {
-    auto client = QBLumentideIPC::initWithSocketPath(socketPath, false);
-    clients.push_back(client);
+    auto client = clients.emplace_back(QBLumentideIPC::initWithSocketPath(socketPath, false));
     client->setDelegate(delegate);
     const int before = server->clientCount();
-    if (!client->connect() || !waitUntil([&] { return server->clientCount() > before; })) return nullptr;
+    expectCounted(client->connect(), before);
     return client;
 }
 
 std::unique_ptr<RawFramePeer> ChannelFixture::connectRawPeer() {
     const int before = server->clientCount();
     auto peer = std::make_unique<RawFramePeer>(socketPath);
-    if (!peer->isConnected() || !waitUntil([&] { return server->clientCount() > before; })) return nullptr;
+    expectCounted(peer->isConnected(), before);
     return peer;
 }
 
-PendingAnswer ChannelFixture::requestFromFirstClient(const nlohmann::json& data) {
-    return PendingAnswer(server, [data](QBLumentideIPC& endpoint) {
-        return endpoint.sendMessageToFirstClient("serviceCmd", data);
-    });
+void ChannelFixture::expectCounted(bool connected, int before) {
+    if (!connected || !waitUntil([&] { return server->clientCount() > before; })) {
+        throw std::runtime_error("the server did not count the new connection");
+    }
 }
 
 void ChannelFixture::TearDown() {
-    for (const auto& client : clients) {
-        EXPECT_TRUE(shutDownAndWait(client)) << "client threads still running";
-    }
-    if (server) {
-        EXPECT_TRUE(shutDownAndWait(server)) << "server threads still running";
-    }
+    for (const auto& client : clients) EXPECT_TRUE(shutDownAndWait(client)) << "client threads still running";
+    EXPECT_TRUE(!server || shutDownAndWait(server)) << "server threads still running";
 }

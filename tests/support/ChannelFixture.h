@@ -1,8 +1,7 @@
 #pragma once
 // ChannelFixture: a server endpoint on a temporary socket path, with the log captured. TearDown
 // shuts down every endpoint the test made and checks that all their threads have ended.
-// PendingAnswer: a send running on a thread of its own. ScriptedDelegate: answers chosen by the
-// test, with the calls counted.
+// PendingAnswer: a send on a thread of its own. ScriptedDelegate: answers chosen by the test.
 
 #include <gtest/gtest.h>
 
@@ -28,20 +27,24 @@ bool shutDownAndWait(const std::shared_ptr<QBLumentideIPC>& endpoint);
 class PendingAnswer {
 public:
     using Send = std::function<std::optional<nlohmann::json>(QBLumentideIPC&)>;
-    PendingAnswer(std::shared_ptr<QBLumentideIPC> endpoint, Send send);
+    PendingAnswer(std::shared_ptr<QBLumentideIPC> endpoint, Send send)
+        : endpoint(endpoint), answer(std::async(std::launch::async, [endpoint, send] { return send(*endpoint); })) {}
     PendingAnswer(PendingAnswer&&) = default;
-    ~PendingAnswer();
-    // The answer within timeout; an unfinished send counts as a test failure and gives nothing.
-    std::optional<nlohmann::json> get(std::chrono::milliseconds timeout = std::chrono::seconds(5));
-    bool isReadyBy(std::chrono::steady_clock::time_point deadline) const;
+    ~PendingAnswer() {
+        if (answer.valid() && !isReadyBy(std::chrono::steady_clock::now())) endpoint->shutdown();
+    }
+    // The answer within 5 s; an unfinished send counts as a test failure and gives nothing.
+    std::optional<nlohmann::json> get();
+    bool isReadyBy(std::chrono::steady_clock::time_point deadline) const {
+        return answer.wait_until(deadline) == std::future_status::ready;
+    }
 
 private:
     std::shared_ptr<QBLumentideIPC> endpoint;
     std::future<std::optional<nlohmann::json>> answer;
 };
 
-struct ScriptedDelegate : QBLumentideIPCDelegate {
-    std::function<bool(const std::string& command)> validate = [](const std::string&) { return true; };
+struct ScriptedDelegate : QBLumentideIPCDelegate {  // refuses the command "refused"
     std::function<std::optional<nlohmann::json>(const std::string&, const nlohmann::json&)> process =
         [](const std::string&, const nlohmann::json&) { return std::nullopt; };
     std::atomic<int> connected{0}, disconnected{0}, processed{0}, lastClient{-1};
@@ -50,7 +53,7 @@ struct ScriptedDelegate : QBLumentideIPCDelegate {
     void clientConnected(QBLumentideIPC& sender) override { lastSender = &sender, ++connected; }
     void clientDisconnected(QBLumentideIPC& sender) override { lastSender = &sender, ++disconnected; }
     bool validateCommand(const std::string& command, const nlohmann::json&, QBLumentideIPC&) override {
-        return validate(command);
+        return command != "refused";
     }
     std::optional<nlohmann::json> processCommand(const std::string& command, const nlohmann::json& data,
                                                  int client, QBLumentideIPC&) override {
@@ -63,10 +66,13 @@ class ChannelFixture : public ::testing::Test {
 protected:
     void TearDown() override;
     bool startServer();  // true once the server listens
-    // A client endpoint whose connection the server has counted, or null.
+    // A client endpoint, or a raw peer, whose connection the server has counted; throws otherwise.
     std::shared_ptr<QBLumentideIPC> connectClient(const std::shared_ptr<QBLumentideIPCDelegate>& delegate = nullptr);
     std::unique_ptr<RawFramePeer> connectRawPeer();
-    PendingAnswer requestFromFirstClient(const nlohmann::json& data);
+    void expectCounted(bool connected, int before);
+    PendingAnswer requestFromFirstClient(const nlohmann::json& data) {
+        return {server, [data](QBLumentideIPC& endpoint) { return endpoint.sendMessageToFirstClient("serviceCmd", data); }};
+    }
 
     LogCapture log;
     TempDir directory;
