@@ -23,9 +23,17 @@ std::optional<nlohmann::json> PendingAnswer::get() {
     return std::nullopt;
 }
 
-bool ChannelFixture::startServer() {
+// Runs connect and waits until the server counts one more connection; throws when it does not.
+static void expectCounted(const QBLumentideIPC& server, const std::function<bool()>& connect) {
+    const int before = server.clientCount();
+    if (!connect() || !waitUntil([&] { return server.clientCount() > before; })) {
+        throw std::runtime_error("the server did not count the new connection");
+    }
+}
+
+bool ChannelFixture::startServer(bool activated) {
     const int startsBefore = log.count("LumentideHelper started");
-    server = QBLumentideIPC::initWithSocketPath(socketPath, false);
+    server = QBLumentideIPC::initWithSocketPath(socketPath, activated);
     server->startServerOnThread();
     return waitUntil([&] { return log.count("LumentideHelper started") > startsBefore; });
 }
@@ -33,22 +41,14 @@ bool ChannelFixture::startServer() {
 std::shared_ptr<QBLumentideIPC> ChannelFixture::connectClient(const std::shared_ptr<QBLumentideIPCDelegate>& delegate) {
     auto client = clients.emplace_back(QBLumentideIPC::initWithSocketPath(socketPath, false));
     client->setDelegate(delegate);
-    const int before = server->clientCount();
-    expectCounted(client->connect(), before);
+    expectCounted(*server, [&] { return client->connect(); });
     return client;
 }
 
 std::unique_ptr<RawFramePeer> ChannelFixture::connectRawPeer() {
-    const int before = server->clientCount();
-    auto peer = std::make_unique<RawFramePeer>(socketPath);
-    expectCounted(peer->isConnected(), before);
+    std::unique_ptr<RawFramePeer> peer;
+    expectCounted(*server, [&] { return (peer = std::make_unique<RawFramePeer>(socketPath))->isConnected(); });
     return peer;
-}
-
-void ChannelFixture::expectCounted(bool connected, int before) {
-    if (!connected || !waitUntil([&] { return server->clientCount() > before; })) {
-        throw std::runtime_error("the server did not count the new connection");
-    }
 }
 
 void ChannelFixture::TearDown() {

@@ -65,11 +65,10 @@ struct ScriptedDelegate : QBLumentideIPCDelegate {  // refuses the command "refu
 class ChannelFixture : public ::testing::Test {
 protected:
     void TearDown() override;
-    bool startServer();  // true once the server listens
+    bool startServer(bool activated = false);  // true once the server listens
     // A client endpoint, or a raw peer, whose connection the server has counted; throws otherwise.
     std::shared_ptr<QBLumentideIPC> connectClient(const std::shared_ptr<QBLumentideIPCDelegate>& delegate = nullptr);
     std::unique_ptr<RawFramePeer> connectRawPeer();
-    void expectCounted(bool connected, int before);
     PendingAnswer requestFromFirstClient(const nlohmann::json& data) {
         return {server, [data](QBLumentideIPC& endpoint) { return endpoint.sendMessageToFirstClient("serviceCmd", data); }};
     }
