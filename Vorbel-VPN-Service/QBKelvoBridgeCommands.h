@@ -7,15 +7,23 @@
 // result, never as an exception. The implementation that relays the commands to the GUI
 // application is supplied by the service; tests supply fakes.
 //
-// Threads: the bridge server calls the commands on the thread of the HTTP connection that
-// carries the request, so several calls may run at once; implementations must allow that.
+// A command that may wait (for the GUI application) is called on a pool thread of the bridge
+// server; one that answers at once (answersAtOnce) on the event-loop thread that read the request,
+// where waiting would hold up other connections.
+//
+// Threads: several calls may run at once, on different threads; implementations must allow that.
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 class QBKelvoBridgeCommands {
 public:
     virtual ~QBKelvoBridgeCommands() = default;
+
+    // True when the command of this XML-RPC method name returns without waiting for anything
+    // (no channel, no launch); it is then run on the thread that read the request.
+    virtual bool answersAtOnce(std::string_view /*method*/) const { return false; }
 
     virtual std::string clientOS() = 0;
     virtual std::string clientVersion() = 0;

@@ -1,7 +1,5 @@
 #include "QBKelvoXMLRPCServer.h"
 
-#include <unicode/regex.h>
-#include <unicode/unistr.h>
 #include <unicode/utf8.h>
 
 #include <algorithm>
@@ -15,152 +13,72 @@ namespace {
 
 // ---- Element extraction ---------------------------------------------------------------------
 //
-// The body is converted to UTF-16 once; every search then runs on a region of that one text and
-// yields a span of it, so nested elements are found without copying their contents.
+// An element's content is what the pattern "<tag>(.+?)</tag>" captures, "." matching line ends
+// too: the shortest run of at least one character that is followed by the closing tag. On UTF-8
+// text that is a plain search: the opening tag, then the first closing tag that starts at least
+// one byte after it (the closing tag begins with "<", which never occurs inside a multi-byte
+// character, so one byte stands for the one character). Where the first opening tag has no such
+// closing tag, no later opening tag has one either. Searches run within a span of the text and
+// yield spans of it, so nested elements are found without copying.
 
-// A run [start, limit) of UTF-16 code units of the text being decoded.
+// A run [start, limit) of bytes of the text being decoded.
 struct Span {
-    std::int32_t start;
-    std::int32_t limit;
+    std::size_t start;
+    std::size_t limit;
 };
 
-// The element pattern is "<tag>(.+?)</tag>" with "." matching line ends too: the content is the
-// shortest run of at least one character that is followed by the closing tag. It is written as
-// one character, then runs that stop only at a "<" beginning the closing tag. That finds exactly
-// the same matches (the run ends at the first closing tag after the first character; where there
-// is none, no later start can match either), but ICU scans it in a tight loop instead of trying
-// the closing tag after every character: about three times faster on a typical call.
-std::string tagPatternSource(std::string_view tag) {
-    const std::string name(tag);
-    return "<" + name + ">(.[^<]*(?:<(?!/" + name + ">)[^<]*)*)</" + name + ">";
-}
-
-std::unique_ptr<icu::RegexPattern> compileTagPattern(std::string_view tag) {
-    UErrorCode status = U_ZERO_ERROR;
-    std::unique_ptr<icu::RegexPattern> pattern(icu::RegexPattern::compile(
-        icu::UnicodeString::fromUTF8(tagPatternSource(tag)), UREGEX_DOTALL, status));
-    return U_SUCCESS(status) ? std::move(pattern) : nullptr;
-}
-
-// The tags a method call is decoded with.
-enum class Tag { methodCall, methodName, params, param, value, string, integer, i4 };
-constexpr std::array<std::string_view, 8> tagNames{"methodCall", "methodName", "params", "param",
-                                                   "value",      "string",     "int",    "i4"};
-
-// The patterns of the fixed tags, compiled once. A compiled pattern may be shared by threads.
-class TagPatterns {
-public:
-    static const TagPatterns& shared() {
-        static const TagPatterns patterns;
-        return patterns;
-    }
-    const icu::RegexPattern* pattern(Tag tag) const {
-        return compiled[static_cast<std::size_t>(tag)].get();
-    }
-    static std::optional<Tag> fixedTag(std::string_view name) {
-        for (std::size_t i = 0; i < tagNames.size(); ++i) {
-            if (tagNames[i] == name) return static_cast<Tag>(i);
-        }
-        return std::nullopt;
-    }
-
-private:
-    TagPatterns() {
-        for (std::size_t i = 0; i < tagNames.size(); ++i) {
-            compiled[i] = compileTagPattern(tagNames[i]);
-        }
-    }
-    std::array<std::unique_ptr<icu::RegexPattern>, tagNames.size()> compiled;
+struct TagMarks {
+    explicit TagMarks(std::string_view tag)
+        : open("<" + std::string(tag) + ">"), close("</" + std::string(tag) + ">") {}
+    const std::string open;
+    const std::string close;
 };
 
-// A matcher may not be shared by threads; each thread keeps one per fixed tag, made on first
-// use and reused for every search (making one costs more than a short search).
-icu::RegexMatcher* threadMatcher(Tag tag) {
-    thread_local std::array<std::unique_ptr<icu::RegexMatcher>, tagNames.size()> matchers;
-    auto& matcher = matchers[static_cast<std::size_t>(tag)];
-    if (!matcher) {
-        const auto* pattern = TagPatterns::shared().pattern(tag);
-        UErrorCode status = U_ZERO_ERROR;
-        if (pattern) matcher.reset(pattern->matcher(status));
-        if (U_FAILURE(status)) matcher.reset();
-    }
-    return matcher.get();
+std::optional<Span> firstElement(const TagMarks& tag, std::string_view text, Span within) {
+    const auto region = text.substr(0, within.limit);
+    const auto openAt = region.find(tag.open, within.start);
+    if (openAt == std::string_view::npos) return std::nullopt;
+    const auto contentStart = openAt + tag.open.size();
+    if (contentStart >= region.size()) return std::nullopt;
+    const auto closeAt = region.find(tag.close, contentStart + 1);
+    if (closeAt == std::string_view::npos) return std::nullopt;
+    return Span{contentStart, closeAt};
 }
 
-// Contents of the first (or every) element that matcher finds within the span of text.
-std::vector<Span> findElements(icu::RegexMatcher& matcher, const icu::UnicodeString& text,
-                               Span within, bool all) {
+std::optional<Span> firstElement(std::string_view tag, std::string_view text, Span within) {
+    return firstElement(TagMarks(tag), text, within);
+}
+
+// Every element in turn: each search starts where the previous element's closing tag ends.
+std::vector<Span> allElements(std::string_view tag, std::string_view text, Span within) {
+    const TagMarks marks(tag);
     std::vector<Span> found;
-    UErrorCode status = U_ZERO_ERROR;
-    matcher.reset(text);
-    matcher.region(within.start, within.limit, status);
-    while (U_SUCCESS(status) && matcher.find(status) && U_SUCCESS(status)) {
-        found.push_back(Span{matcher.start(1, status), matcher.end(1, status)});
-        if (!all) break;
+    while (const auto element = firstElement(marks, text, within)) {
+        found.push_back(*element);
+        within.start = element->limit + marks.close.size();
     }
-    matcher.reset(icu::UnicodeString());  // keep no reference to text
-    return U_SUCCESS(status) ? found : std::vector<Span>{};
+    return found;
 }
 
-std::optional<Span> firstElement(Tag tag, const icu::UnicodeString& text, Span within) {
-    auto* matcher = threadMatcher(tag);
-    if (!matcher) return std::nullopt;
-    const auto found = findElements(*matcher, text, within, false);
-    if (found.empty()) return std::nullopt;
-    return found.front();
-}
-
-std::vector<Span> allElements(Tag tag, const icu::UnicodeString& text, Span within) {
-    auto* matcher = threadMatcher(tag);
-    return matcher ? findElements(*matcher, text, within, true) : std::vector<Span>{};
-}
-
-// Element contents for any tag name, for the public text operations.
-std::vector<std::string> elementTexts(std::string_view tag, std::string_view data, bool all) {
-    const auto text = icu::UnicodeString::fromUTF8(data);
-    const Span whole{0, text.length()};
-    std::vector<Span> spans;
-    if (const auto fixed = TagPatterns::fixedTag(tag)) {
-        spans = all ? allElements(*fixed, text, whole) : std::vector<Span>();
-        if (!all) {
-            if (const auto first = firstElement(*fixed, text, whole)) spans.push_back(*first);
-        }
-    } else if (const auto pattern = compileTagPattern(tag)) {
-        UErrorCode status = U_ZERO_ERROR;
-        std::unique_ptr<icu::RegexMatcher> matcher(pattern->matcher(status));
-        if (U_SUCCESS(status)) spans = findElements(*matcher, text, whole, all);
-    }
-    std::vector<std::string> contents;
-    for (const auto span : spans) {
-        contents.emplace_back();
-        text.tempSubStringBetween(span.start, span.limit).toUTF8String(contents.back());
-    }
-    return contents;
-}
-
-std::string toUTF8(const icu::UnicodeString& text, Span span) {
-    std::string utf8;
-    text.tempSubStringBetween(span.start, span.limit).toUTF8String(utf8);
-    return utf8;
+std::string textOf(std::string_view text, Span span) {
+    return std::string(text.substr(span.start, span.limit - span.start));
 }
 
 // An int or i4 element's text: leading white space, an optional sign, digits; 0 without a
 // number; clamped to the 32 bits the element holds.
-std::int64_t int32Value(const icu::UnicodeString& text, Span span) {
-    return std::clamp<std::int64_t>(QBText::scanLeadingInteger(toUTF8(text, span)),
-                                    std::numeric_limits<std::int32_t>::min(),
-                                    std::numeric_limits<std::int32_t>::max());
+std::int64_t int32Value(std::string_view text, Span span) {
+    return std::clamp<std::int64_t>(
+        QBText::scanLeadingInteger(text.substr(span.start, span.limit - span.start)),
+        std::numeric_limits<std::int32_t>::min(), std::numeric_limits<std::int32_t>::max());
 }
 
 // A parameter's value, or nullopt when its kind is not understood (it then drops out).
-std::optional<QBKelvoXMLRPCServer::Value> decodeParam(const icu::UnicodeString& text, Span param) {
-    const auto value = firstElement(Tag::value, text, param);
+std::optional<QBKelvoXMLRPCServer::Value> decodeParam(std::string_view text, Span param) {
+    const auto value = firstElement("value", text, param);
     if (!value) return std::nullopt;
-    if (const auto string = firstElement(Tag::string, text, *value)) return toUTF8(text, *string);
-    if (const auto number = firstElement(Tag::integer, text, *value)) {
-        return int32Value(text, *number);
-    }
-    if (const auto number = firstElement(Tag::i4, text, *value)) return int32Value(text, *number);
+    if (const auto string = firstElement("string", text, *value)) return textOf(text, *string);
+    if (const auto number = firstElement("int", text, *value)) return int32Value(text, *number);
+    if (const auto number = firstElement("i4", text, *value)) return int32Value(text, *number);
     return std::nullopt;
 }
 
@@ -170,7 +88,7 @@ using Value = QBKelvoXMLRPCServer::Value;
 using Params = std::vector<Value>;
 
 // A string argument: the string, or the decimal text of an int given in its place.
-std::string textOf(const Value& value) {
+std::string argumentText(const Value& value) {
     if (const auto* text = std::get_if<std::string>(&value)) return *text;
     return std::to_string(std::get<std::int64_t>(value));
 }
@@ -198,15 +116,15 @@ constexpr std::array<Command, 13> commandTable{{
     {"clientOS", 0, [](QBKelvoBridgeCommands& c, const Params&) -> Value { return c.clientOS(); }},
     {"clientVersion", 0, [](QBKelvoBridgeCommands& c, const Params&) -> Value { return c.clientVersion(); }},
     {"authorize", 3, [](QBKelvoBridgeCommands& c, const Params& p) -> Value {
-        return c.authorizeServer(textOf(p[0]), integerOf(p[1]), integerOf(p[2])); }},
+        return c.authorizeServer(argumentText(p[0]), integerOf(p[1]), integerOf(p[2])); }},
     {"connect", 3, [](QBKelvoBridgeCommands& c, const Params& p) -> Value {
-        return c.connect(textOf(p[0]), integerOf(p[1]), integerOf(p[2])); }},
+        return c.connect(argumentText(p[0]), integerOf(p[1]), integerOf(p[2])); }},
     {"connectWithToken", 4, [](QBKelvoBridgeCommands& c, const Params& p) -> Value {
-        return c.connect(textOf(p[0]), integerOf(p[1]), integerOf(p[2]), textOf(p[3])); }},
+        return c.connect(argumentText(p[0]), integerOf(p[1]), integerOf(p[2]), argumentText(p[3])); }},
     {"disconnect", 1, [](QBKelvoBridgeCommands& c, const Params& p) -> Value {
-        return c.disconnectWithSecToken(textOf(p[0])); }},
+        return c.disconnectWithSecToken(argumentText(p[0])); }},
     {"suspend", 1, [](QBKelvoBridgeCommands& c, const Params& p) -> Value {
-        return c.suspendWithSecToken(textOf(p[0])); }},
+        return c.suspendWithSecToken(argumentText(p[0])); }},
     {"resume", 0, [](QBKelvoBridgeCommands& c, const Params&) -> Value { return c.resume(); }},
     {"state", 0, [](QBKelvoBridgeCommands& c, const Params&) -> Value { return c.state(); }},
     {"connectionTime", 0, [](QBKelvoBridgeCommands& c, const Params&) -> Value { return c.connectionTime(); }},
@@ -217,18 +135,38 @@ constexpr std::array<Command, 13> commandTable{{
 }};
 // clang-format on
 
+const Command* findCommand(std::string_view name) {
+    const auto found = std::find_if(commandTable.begin(), commandTable.end(),
+                                    [name](const Command& command) { return command.name == name; });
+    return found == commandTable.end() ? nullptr : &*found;
+}
+
+Value runCommand(const Command& command, QBKelvoBridgeCommands& commands, const Params& params) {
+    return command.call(commands, params.size() >= command.needs ? params : fallbackArguments());
+}
+
 // ---- HTTP pieces ----------------------------------------------------------------------------
 
 constexpr std::string_view xmlDeclarationStart = "<?xml version=\"1.0\"";
 constexpr std::string_view headerBlockTerminator = "\r\n\r\n";
 
-const QBKelvoXMLRPCServer::Headers& preflightHeaders() {
-    static const QBKelvoXMLRPCServer::Headers headers{
-        {"Access-Control-Allow-Headers", "Origin, X-Requested-With, Content-Type, Accept"},
-        {"Access-Control-Allow-Origin", "*"},
-        {"Access-Control-Allow-Methods", "POST, OPTIONS"},
-    };
-    return headers;
+using Close = QBTCPEventServer::Close;
+using Offload = QBTCPEventServer::Offload;
+using Reply = QBTCPEventServer::Reply;
+using Wait = QBTCPEventServer::Wait;
+
+// Stages of a connection between requests, for the event server's time-outs.
+enum Stage { idleStage, headerStage, bodyStage };
+
+// The preflight answer never changes: made once.
+const std::string& preflightReply() {
+    static const std::string reply = QBKelvoXMLRPCServer::httpReply(
+        200,
+        {{"Access-Control-Allow-Headers", "Origin, X-Requested-With, Content-Type, Accept"},
+         {"Access-Control-Allow-Origin", "*"},
+         {"Access-Control-Allow-Methods", "POST, OPTIONS"}},
+        "");
+    return reply;
 }
 
 // Splits UTF-8 text at every code point for which isSeparator holds; two separators in a row
@@ -317,23 +255,21 @@ QBKelvoXMLRPCServer::QBKelvoXMLRPCServer(std::shared_ptr<QBIPAddress> address, s
       lumentideIPC_(std::move(andIPC)),
       bridgeCommands_(std::move(bridgeCommands)),
       _serverSocket(QBTCPSocket::socket()),
-      settings_(settings) {
-    _serverSocket->setServerLimits(settings_.connectionLimits);
-}
+      settings_(settings),
+      eventServer(*this, settings_.serving) {}
 
 void QBKelvoXMLRPCServer::serve() {
-    _serverSocket->serveOnAddress(_address, _port, weak_from_this(), false);
+    if (!_serverSocket->listenOnAddress(_address, _port)) return;
+    eventServer.serve(_serverSocket->fileDescriptor());
+    _serverSocket->close();
 }
 
 void QBKelvoXMLRPCServer::shutdown() {
-    _serverSocket->shutdownServer();
+    eventServer.shutdown();
 }
 
-void QBKelvoXMLRPCServer::clientConnected(std::shared_ptr<QBTCPSocket> connection) {
+void QBKelvoXMLRPCServer::clientConnected() {
     QBLog::log("Client connected");
-    while (connection->isOpen() && readHTTPRequest(*connection)) {
-    }
-    connection->close();
 }
 
 // ---- Reading a request ----------------------------------------------------------------------
@@ -360,36 +296,49 @@ std::optional<std::string_view> QBKelvoXMLRPCServer::RequestHead::header(
     return std::nullopt;
 }
 
-bool QBKelvoXMLRPCServer::readHTTPRequest(QBTCPSocket& connection) {
-    const auto headerBlock = connection.readStringTerminatedBy(
-        headerBlockTerminator,
-        QBTCPSocket::MessageDeadlines{settings_.idleTimeout, settings_.headerBlockTimeout});
-    if (!headerBlock) return false;
-    const auto head = parseRequestHead(*headerBlock);
-    if (head.requestLine.size() < 2) return false;
+QBKelvoXMLRPCServer::Step QBKelvoXMLRPCServer::readHTTPRequest(std::string_view pending,
+                                                                std::size_t alreadySeen) {
+    if (pending.empty()) return Wait{idleStage, settings_.idleTimeout};
+    // The terminator may straddle the bytes seen before and the new ones.
+    const auto from = alreadySeen > headerBlockTerminator.size()
+                          ? alreadySeen - (headerBlockTerminator.size() - 1)
+                          : 0;
+    const auto terminator = pending.find(headerBlockTerminator, from);
+    if (terminator == std::string_view::npos) {
+        if (pending.size() >= maxHeaderBlockLength) return Close{};
+        return Wait{headerStage, settings_.headerBlockTimeout};
+    }
+    const auto blockLength = terminator + headerBlockTerminator.size();
+    const auto block = pending.substr(0, blockLength);
+    if (blockLength > maxHeaderBlockLength || !QBText::isValidUTF8(block)) return Close{};
+    const auto head = parseRequestHead(block);
+    if (head.requestLine.size() < 2) return Close{};
     const auto& method = head.requestLine[0];
     if (!contains(allowedMethods, method) || !contains(allowedPaths, head.requestLine[1])) {
-        return false;
+        return Close{};
     }
-    if (method == "OPTIONS") {
-        sendHTTPReplyWithStatus(200, preflightHeaders(), "", connection);
-        return true;
-    }
-    if (method == "POST") return answerPost(head, connection);
-    return false;
+    if (method == "OPTIONS") return Reply{blockLength, preflightReply()};
+    if (method == "POST") return answerPost(head, pending, blockLength);
+    return Close{};
 }
 
-bool QBKelvoXMLRPCServer::answerPost(const RequestHead& head, QBTCPSocket& connection) {
+QBKelvoXMLRPCServer::Step QBKelvoXMLRPCServer::answerPost(const RequestHead& head,
+                                                          std::string_view pending,
+                                                          std::size_t blockLength) {
     const auto lengthHeader = head.header("Content-Length");
     const std::int64_t length = lengthHeader ? QBText::scanLeadingInteger(*lengthHeader) : 0;
-    if (length < 1 || length > maxBodyLength) return false;
-    const auto body = QBBuffer::initWithSize(length);
-    if (!body) return false;
-    connection.readData(static_cast<std::uint32_t>(length), *body, settings_.bodyTimeout);
-    if (body->length() != length) return false;
-    const auto text = body->readString();
-    if (!text || !text->starts_with(xmlDeclarationStart)) return false;
-    return processXMLRPCRequest(*text, connection);
+    if (length < 1 || length > maxBodyLength) return Close{};
+    const auto requestLength = blockLength + static_cast<std::size_t>(length);
+    if (pending.size() < requestLength) {
+        return Wait{bodyStage, settings_.bodyTimeout, requestLength};
+    }
+    // The body as text: up to its first NUL byte, and only when that is UTF-8.
+    auto body = pending.substr(blockLength, static_cast<std::size_t>(length));
+    body = body.substr(0, body.find('\0'));
+    if (!QBText::isValidUTF8(body) || !body.starts_with(xmlDeclarationStart)) {
+        return Close{};
+    }
+    return processXMLRPCRequest(body, requestLength);
 }
 
 // ---- Writing a reply ------------------------------------------------------------------------
@@ -437,38 +386,34 @@ std::string QBKelvoXMLRPCServer::httpReply(std::int32_t status, const Headers& h
     return reply;
 }
 
-void QBKelvoXMLRPCServer::sendHTTPReplyWithStatus(std::int32_t status, const Headers& withHeaders,
-                                                  std::string_view withContent,
-                                                  QBTCPSocket& toSocket) {
-    // A failed send surfaces as a failed read of the next request.
-    toSocket.sendString(httpReply(status, withHeaders, withContent));
-}
-
 // ---- XML-RPC --------------------------------------------------------------------------------
 
 std::optional<std::string> QBKelvoXMLRPCServer::getXMLTag(std::string_view tag,
                                                           std::string_view inData) {
-    auto contents = elementTexts(tag, inData, false);
-    if (contents.empty()) return std::nullopt;
-    return std::move(contents.front());
+    const auto element = firstElement(tag, inData, Span{0, inData.size()});
+    if (!element) return std::nullopt;
+    return textOf(inData, *element);
 }
 
 std::vector<std::string> QBKelvoXMLRPCServer::getAllXMLTags(std::string_view tag,
                                                             std::string_view inData) {
-    return elementTexts(tag, inData, true);
+    std::vector<std::string> contents;
+    for (const auto element : allElements(tag, inData, Span{0, inData.size()})) {
+        contents.push_back(textOf(inData, element));
+    }
+    return contents;
 }
 
 std::optional<QBKelvoXMLRPCServer::MethodCall> QBKelvoXMLRPCServer::decodeMethodCall(
     std::string_view body) {
-    const auto text = icu::UnicodeString::fromUTF8(body);
-    const auto call = firstElement(Tag::methodCall, text, Span{0, text.length()});
+    const auto call = firstElement("methodCall", body, Span{0, body.size()});
     if (!call) return std::nullopt;
-    const auto name = firstElement(Tag::methodName, text, *call);
+    const auto name = firstElement("methodName", body, *call);
     if (!name) return std::nullopt;
-    MethodCall decoded{toUTF8(text, *name), {}};
-    if (const auto block = firstElement(Tag::params, text, *call)) {
-        for (const auto param : allElements(Tag::param, text, *block)) {
-            if (auto value = decodeParam(text, param)) decoded.params.push_back(std::move(*value));
+    MethodCall decoded{textOf(body, *name), {}};
+    if (const auto block = firstElement("params", body, *call)) {
+        for (const auto param : allElements("param", body, *block)) {
+            if (auto value = decodeParam(body, param)) decoded.params.push_back(std::move(*value));
         }
     }
     return decoded;
@@ -476,14 +421,9 @@ std::optional<QBKelvoXMLRPCServer::MethodCall> QBKelvoXMLRPCServer::decodeMethod
 
 std::optional<QBKelvoXMLRPCServer::Value> QBKelvoXMLRPCServer::performXMLMethod(
     const std::string& name, const std::vector<Value>& withParams) {
-    if (!bridgeCommands_) return std::nullopt;
-    for (const auto& command : commandTable) {
-        if (command.name != name) continue;
-        const auto& arguments =
-            withParams.size() >= command.needs ? withParams : fallbackArguments();
-        return command.call(*bridgeCommands_, arguments);
-    }
-    return std::nullopt;
+    const auto* command = bridgeCommands_ ? findCommand(name) : nullptr;
+    if (!command) return std::nullopt;
+    return runCommand(*command, *bridgeCommands_, withParams);
 }
 
 std::string QBKelvoXMLRPCServer::methodResponseDocument(const std::vector<Value>& values) {
@@ -506,16 +446,24 @@ std::string QBKelvoXMLRPCServer::methodResponseDocument(const std::vector<Value>
            "\r\n</methodResponse>\r\n";
 }
 
-void QBKelvoXMLRPCServer::sendXMLRPCMethodResponse(const std::vector<Value>& values,
-                                                   QBTCPSocket& toSocket) {
-    sendHTTPReplyWithStatus(200, {}, methodResponseDocument(values), toSocket);
+std::string QBKelvoXMLRPCServer::methodResponseReply(const std::vector<Value>& values) {
+    return httpReply(200, {}, methodResponseDocument(values));
 }
 
-bool QBKelvoXMLRPCServer::processXMLRPCRequest(std::string_view body, QBTCPSocket& forSocket) {
-    const auto call = decodeMethodCall(body);
-    if (!call) return false;
-    auto result = performXMLMethod(call->name, call->params);
-    if (!result) return false;
-    sendXMLRPCMethodResponse({std::move(*result)}, forSocket);
-    return true;
+QBKelvoXMLRPCServer::Step QBKelvoXMLRPCServer::processXMLRPCRequest(std::string_view body,
+                                                                    std::size_t consumed) {
+    auto call = decodeMethodCall(body);
+    if (!call) return Close{};
+    const auto* command = bridgeCommands_ ? findCommand(call->name) : nullptr;
+    if (!command) return Close{};
+    if (bridgeCommands_->answersAtOnce(command->name)) {
+        return Reply{
+            consumed, methodResponseReply({runCommand(*command, *bridgeCommands_, call->params)})};
+    }
+    // The command may wait for the GUI application: run it on a pool thread. The server
+    // outlives the work, since serve() returns only after every command has finished.
+    return Offload{
+        consumed, [this, command, params = std::move(call->params)]() -> std::optional<std::string> {
+            return methodResponseReply({runCommand(*command, *bridgeCommands_, params)});
+        }};
 }

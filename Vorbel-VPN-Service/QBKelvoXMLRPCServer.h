@@ -11,18 +11,23 @@
 // any reply. Connections are persistent: the reply carries no Connection header and the next
 // request is read from the same connection.
 //
-// The XML is not parsed as XML: each element is found by the pattern "<tag>(.+?)</tag>"
-// (ICU, "." matching line ends too) and its text is taken unchanged, entities included.
+// The XML is not parsed as XML: each element is what the pattern "<tag>(.+?)</tag>" finds
+// ("." matching line ends too), and its text is taken unchanged, entities included.
+//
+// Serving: a QBTCPEventServer reads the connections on a few event-loop threads and shows this
+// server each connection's received bytes (readHTTPRequest). A preflight, and a call whose command
+// answers at once, is answered on the loop thread; a call whose command may wait (for the GUI
+// application) runs on a pool thread, and the connection is read again after its reply.
 //
 // Bounds a page cannot get around (see Settings): a connection idle between requests, or with
 // an unfinished header block, is closed after a time-out; a header block is at most
-// QBTCPSocket::maxMessageLength bytes; a body must arrive within a time-out; connection threads
-// are limited as QBTCPSocket::ServerLimits says.
+// maxHeaderBlockLength bytes; a body must arrive within a time-out; connections and pool threads
+// are limited as QBTCPEventServer::Limits says.
 //
 // Invariants: every field is set at creation and only read afterwards.
-// Threads: serve() runs the accept loop on the calling thread; shutdown() may be called from any
-// thread; each connection is served on a thread of its own, so the request operations run on
-// several threads at once and keep no state between calls.
+// Threads: serve() runs on the calling thread (and starts the loop threads); shutdown() and
+// connectionCount() may be called from any thread. The request operations keep no state between
+// calls and run on several threads at once.
 //
 //   auto server = QBKelvoXMLRPCServer::serverWithAddress(address, 986, channel, commands);
 //   std::thread loop([&] { server->serve(); });
@@ -42,31 +47,36 @@
 
 #include "QBIPAddress.h"
 #include "QBKelvoBridgeCommands.h"
+#include "QBTCPEventServer.h"
 #include "QBTCPSocket.h"
 
 class QBLumentideIPC;
 
-class QBKelvoXMLRPCServer : public QBTCPSocketServerDelegate,
-                            public std::enable_shared_from_this<QBKelvoXMLRPCServer> {
+class QBKelvoXMLRPCServer : public QBTCPEventServer::Protocol {
 public:
     // An XML-RPC parameter or result: a string, or an integer (int elements hold 32 bits).
     using Value = std::variant<std::string, std::int64_t>;
     using Headers = std::map<std::string, std::string>;
 
+    using Step = QBTCPEventServer::Step;
+
     // Longest request body accepted, in bytes.
     static constexpr std::int64_t maxBodyLength = 65536;
+    // Longest header block accepted, terminator included: the size of a default byte buffer.
+    static constexpr std::size_t maxHeaderBlockLength =
+        static_cast<std::size_t>(QBBuffer::defaultSize);
 
     struct Settings {
         // A connection that starts no request for this long is closed, so a silent peer never
-        // holds a connection thread for ever. Longer than browsers keep idle connections open.
+        // holds a connection for ever. Longer than browsers keep idle connections open.
         std::chrono::milliseconds idleTimeout{60000};
         // From a request's first byte to the end of its header block. A browser sends its
-        // header block at once; a peer trickling bytes to hold a thread is cut off.
+        // header block at once; a peer trickling bytes to hold a connection is cut off.
         std::chrono::milliseconds headerBlockTimeout{10000};
         // From the end of the header block until the whole body has arrived. Clients may send
         // the body in a later segment (curl waits up to a second for "100 Continue" first).
         std::chrono::milliseconds bodyTimeout{5000};
-        QBTCPSocket::ServerLimits connectionLimits{};
+        QBTCPEventServer::Limits serving{};
     };
 
     // The parts of a request's header block that the server looks at; views into the block.
@@ -95,35 +105,38 @@ public:
         std::shared_ptr<QBLumentideIPC> andIPC,
         std::shared_ptr<QBKelvoBridgeCommands> bridgeCommands, const Settings& settings);
 
-    // Use serverWithAddress: serve() needs the server to be owned by a shared_ptr.
+    // serverWithAddress is the usual way to make one.
     QBKelvoXMLRPCServer(std::shared_ptr<QBIPAddress> address, std::int32_t andPort,
                         std::shared_ptr<QBLumentideIPC> andIPC,
                         std::shared_ptr<QBKelvoBridgeCommands> bridgeCommands,
                         const Settings& settings);
 
-    // Runs the accept loop on the calling thread; returns after shutdown(), or at once when the
-    // address and port cannot be listened on.
+    // Listens and serves on the calling thread; returns after shutdown() (once every command in
+    // progress has finished), or at once when the address and port cannot be listened on.
     void serve();
     // Asks serve() to return; returns at once. Any thread.
     void shutdown();
+    // Connections open now.
+    std::size_t connectionCount() const { return eventServer.connectionCount(); }
 
-    // Serves one accepted connection, request after request, until it ends; then closes it.
-    void clientConnected(std::shared_ptr<QBTCPSocket> connection) override;
-    // Reads, vets and answers one request. True when it was answered and the connection stays
-    // open; false when the connection must be closed.
-    bool readHTTPRequest(QBTCPSocket& connection);
-    // Writes one complete HTTP response: the status line, the given headers with the six fixed
-    // ones set over them, an empty line and the content. A failed send is not reported.
-    void sendHTTPReplyWithStatus(std::int32_t status, const Headers& withHeaders,
-                                 std::string_view withContent, QBTCPSocket& toSocket);
-    // Decodes a method call, runs its command and sends the response. False (nothing sent) when
-    // the call cannot be decoded or names no known method.
-    bool processXMLRPCRequest(std::string_view body, QBTCPSocket& forSocket);
+    // Logs "Client connected" for a newly accepted connection.
+    void clientConnected() override;
+    // What to do with a connection's received bytes: wait for the rest of a request, answer
+    // it, run its command on a pool thread, or close the connection (anything outside the
+    // dialect). alreadySeen bytes were pending at the previous look at the same request.
+    Step readHTTPRequest(std::string_view pending, std::size_t alreadySeen);
+    Step nextStep(std::string_view pending, std::size_t alreadySeen) override {
+        return readHTTPRequest(pending, alreadySeen);
+    }
+    // Decodes a method call and answers it (consuming consumed bytes): at once when its
+    // command answers at once, otherwise on a pool thread. Close when the call cannot be
+    // decoded or names no known method.
+    Step processXMLRPCRequest(std::string_view body, std::size_t consumed);
     // Calls the command the name selects; nullopt for an unknown name (or no commands).
     std::optional<Value> performXMLMethod(const std::string& name,
                                           const std::vector<Value>& withParams);
-    // Writes values as a method response with status 200.
-    void sendXMLRPCMethodResponse(const std::vector<Value>& values, QBTCPSocket& toSocket);
+    // The HTTP reply (status 200) carrying values as a method response.
+    static std::string methodResponseReply(const std::vector<Value>& values);
 
     // Plain-text pieces of the above, for tests and fuzzers.
     // Content of the first element named tag; nullopt when there is none (or it is empty).
@@ -135,6 +148,8 @@ public:
     // Splits a header block; the result refers to headerBlock, which must outlive it.
     static RequestHead parseRequestHead(std::string_view headerBlock);
     static std::string methodResponseDocument(const std::vector<Value>& values);
+    // One complete HTTP response: the status line, the given headers with the six fixed ones
+    // set over them, an empty line and the content.
     static std::string httpReply(std::int32_t status, const Headers& headers,
                                  std::string_view content);
     // Reason phrase of a status of the reason table; empty for any other status.
@@ -148,7 +163,7 @@ public:
     const Settings& settings() const { return settings_; }
 
 private:
-    bool answerPost(const RequestHead& head, QBTCPSocket& connection);
+    Step answerPost(const RequestHead& head, std::string_view pending, std::size_t blockLength);
 
     const std::shared_ptr<QBIPAddress> _address;
     const std::int32_t _port;
@@ -158,4 +173,5 @@ private:
     const std::shared_ptr<QBKelvoBridgeCommands> bridgeCommands_;
     const std::shared_ptr<QBTCPSocket> _serverSocket;
     const Settings settings_;
+    QBTCPEventServer eventServer;
 };

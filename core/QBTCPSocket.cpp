@@ -220,6 +220,7 @@ void QBTCPSocket::close() {
     socketState = stateClosed;
     _host.reset();
     _port = 0;
+    boundPort.store(0);
     dropReadAhead();
 }
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <fstream>
 #include <thread>
 
@@ -83,14 +84,28 @@ TEST_F(BridgeServerRobustnessTest, ThousandsOfStalledConnectionsDoNotStarveARequ
     if (residentGrowthBoundKiB > 0) {
         EXPECT_LT(growth, residentGrowthBoundKiB);
     }
-    // Threads of connections shut down to make room end soon after; the rest stay within the cap.
-    const auto cap = running.server().settings().connectionLimits.maxConnectionThreads;
-    const auto deadline = std::chrono::steady_clock::now() + 5s;
-    while (running.server().serverSocket()->connectionThreadCount() > cap &&
-           std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(5ms);
+}
+
+TEST(BridgeServerConnectionLimitTest, NewConnectionReplacesTheLongestWaitingOne) {
+    auto settings = RunningBridgeServer::testSettings();
+    settings.serving.loopThreads = 1;
+    settings.serving.maxConnections = 16;
+    RunningBridgeServer running(std::make_shared<FakeBridgeCommands>(), settings);
+    ASSERT_NE(running.port(), 0);
+    std::vector<std::unique_ptr<LoopbackClient>> stalled;
+    for (int i = 0; i < 40; ++i) {
+        stalled.push_back(std::make_unique<LoopbackClient>(running.port()));
+        ASSERT_TRUE(stalled.back()->send("OPTIONS /vpn HTTP/1.1\r\n"));
     }
-    EXPECT_LE(running.server().serverSocket()->connectionThreadCount(), cap);
+    LoopbackClient client(running.port());
+    ASSERT_TRUE(client.send(xmlRpcPost(methodCall("state"))));
+    EXPECT_TRUE(client.readResponse(5s).has_value());
+    EXPECT_LE(running.server().connectionCount(), 16u);
+    // Stalled connections were closed to make room (the new one is served, not refused).
+    const auto closed = std::count_if(stalled.begin(), stalled.end(), [](const auto& client) {
+        return client->closedWithin(50ms);
+    });
+    EXPECT_GE(closed, 40 - 15);
 }
 
 TEST_F(BridgeServerRobustnessTest, HeaderBlockIsLimitedToTheBufferSize) {
@@ -98,9 +113,9 @@ TEST_F(BridgeServerRobustnessTest, HeaderBlockIsLimitedToTheBufferSize) {
         const std::string start = "OPTIONS /vpn HTTP/1.1\r\nX-Pad: ";
         return start + std::string(total - start.size() - 4, 'p') + "\r\n\r\n";
     };
-    EXPECT_TRUE(answers(block(QBTCPSocket::maxMessageLength)));
+    EXPECT_TRUE(answers(block(QBKelvoXMLRPCServer::maxHeaderBlockLength)));
     LoopbackClient client(running.port());
-    ASSERT_TRUE(client.send(block(QBTCPSocket::maxMessageLength + 1)));
+    ASSERT_TRUE(client.send(block(QBKelvoXMLRPCServer::maxHeaderBlockLength + 1)));
     EXPECT_TRUE(client.closedWithoutReply());
 }
 

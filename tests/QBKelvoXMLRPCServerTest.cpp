@@ -4,6 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <thread>
 
 #include "support/BridgeServerFixture.h"
@@ -161,17 +164,25 @@ TEST_F(BridgeServerTest, BodyOfExactlyTheLimitIsRead) {
 }
 
 TEST_F(BridgeServerTest, RequestsWrittenBackToBackAreAnsweredInOrder) {
-    LoopbackClient client(running.port());
-    ASSERT_TRUE(client.send(xmlRpcPost(methodCall("state")) + "OPTIONS /vpn HTTP/1.1\r\n\r\n" +
-                            xmlRpcPost(methodCall("connectionTime"))));
-    const auto first = client.readResponse();
-    const auto second = client.readResponse();
-    const auto third = client.readResponse();
-    ASSERT_TRUE(first && second && third);
-    EXPECT_EQ(splitReply(*first).body, stringResponse);
-    EXPECT_EQ(splitReply(*second).body, "");
-    EXPECT_NE(splitReply(*third).body.find("<value><int>1</int></value>"), std::string::npos);
-    EXPECT_EQ(commands->calls(), (std::vector<std::string>{"state()", "connectionTime()"}));
+    // Commands run on a pool thread, or on the loop thread when they answer at once.
+    for (const bool atOnce : {false, true}) {
+        SCOPED_TRACE(atOnce ? "answered at once" : "answered on a pool thread");
+        commands->setAnswersAtOnce(atOnce);
+        const auto callsBefore = commands->calls().size();
+        LoopbackClient client(running.port());
+        ASSERT_TRUE(client.send(xmlRpcPost(methodCall("state")) + "OPTIONS /vpn HTTP/1.1\r\n\r\n" +
+                                xmlRpcPost(methodCall("connectionTime"))));
+        const auto first = client.readResponse();
+        const auto second = client.readResponse();
+        const auto third = client.readResponse();
+        ASSERT_TRUE(first && second && third);
+        EXPECT_EQ(splitReply(*first).body, stringResponse);
+        EXPECT_EQ(splitReply(*second).body, "");
+        EXPECT_NE(splitReply(*third).body.find("<value><int>1</int></value>"), std::string::npos);
+        const auto calls = commands->calls();
+        EXPECT_EQ(std::vector<std::string>(calls.begin() + callsBefore, calls.end()),
+                  (std::vector<std::string>{"state()", "connectionTime()"}));
+    }
 }
 
 TEST_F(BridgeServerTest, BodyArrivingAfterTheHeaderBlockIsAwaited) {
@@ -202,6 +213,82 @@ TEST(BridgeServerWithoutCommandsTest, EveryMethodIsUnknown) {
     RunningBridgeServer running(nullptr);
     LoopbackClient client(running.port());
     ASSERT_TRUE(client.send(xmlRpcPost(methodCall("clientOS"))));
+    EXPECT_TRUE(client.closedWithoutReply());
+}
+
+// ---- Commands that wait --------------------------------------------------------------------
+
+// A state command that waits, like one whose GUI application is slow to answer, until released.
+class WaitingStateCommands : public FakeBridgeCommands {
+public:
+    std::string state() override {
+        std::unique_lock guard(lock);
+        ++waiting;
+        changed.notify_all();
+        changed.wait(guard, [this] { return released; });
+        return "late";
+    }
+    bool waitUntilWaiting(int count) {
+        std::unique_lock guard(lock);
+        return changed.wait_for(guard, 5s, [&] { return waiting >= count; });
+    }
+    void release() {
+        std::lock_guard guard(lock);
+        released = true;
+        changed.notify_all();
+    }
+
+private:
+    std::mutex lock;
+    std::condition_variable changed;
+    int waiting = 0;
+    bool released = false;
+};
+
+class BridgeServerWaitingCommandTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_NE(running->port(), 0); }
+    void TearDown() override { commands->release(); }
+
+    LogCapture log;
+    std::shared_ptr<WaitingStateCommands> commands = std::make_shared<WaitingStateCommands>();
+    std::unique_ptr<RunningBridgeServer> running = std::make_unique<RunningBridgeServer>(commands);
+};
+
+TEST_F(BridgeServerWaitingCommandTest, WaitingCommandsDoNotHoldUpOtherConnections) {
+    std::vector<std::unique_ptr<LoopbackClient>> waiting;
+    for (int i = 0; i < 8; ++i) {
+        waiting.push_back(std::make_unique<LoopbackClient>(running->port()));
+        ASSERT_TRUE(waiting.back()->send(xmlRpcPost(methodCall("state"))));
+    }
+    ASSERT_TRUE(commands->waitUntilWaiting(8));
+    LoopbackClient other(running->port());
+    ASSERT_TRUE(other.send("OPTIONS /vpn HTTP/1.1\r\n\r\n" + xmlRpcPost(methodCall("clientOS"))));
+    EXPECT_TRUE(other.readResponse(2s).has_value());
+    EXPECT_TRUE(other.readResponse(2s).has_value());
+
+    commands->release();
+    for (auto& client : waiting) {
+        const auto response = client->readResponse();
+        ASSERT_TRUE(response.has_value());
+        EXPECT_NE(response->find("<string>late</string>"), std::string::npos);
+    }
+}
+
+TEST_F(BridgeServerWaitingCommandTest, ShutdownEndsServingOnlyAfterCommandsInProgress) {
+    LoopbackClient client(running->port());
+    ASSERT_TRUE(client.send(xmlRpcPost(methodCall("state"))));
+    ASSERT_TRUE(commands->waitUntilWaiting(1));
+    std::atomic<bool> stopped{false};
+    std::thread stopping([&] {
+        running.reset();  // shuts the server down and waits for serve() to return
+        stopped = true;
+    });
+    std::this_thread::sleep_for(200ms);
+    EXPECT_FALSE(stopped.load());
+    commands->release();
+    stopping.join();
+    // The answer of a command that finishes after the shutdown is not sent.
     EXPECT_TRUE(client.closedWithoutReply());
 }
 

@@ -2,7 +2,8 @@
 // with fixed answers instead of the GUI application, so that load tools (bench/http_load.sh)
 // can drive it. It runs until SIGINT or SIGTERM.
 //
-//   bridge-load-server [port]      (default port 18986)
+//   bridge-load-server [port [loops]]   (default port 18986; loops: event-loop threads, 0 or
+//                                       absent: one per processor)
 //
 // The string commands answer "connected", the number commands 1. Log lines are discarded: one
 // "Client connected" per connection would only measure the terminal.
@@ -23,6 +24,8 @@ constexpr int defaultPort = 18986;
 
 class FixedAnswers : public QBKelvoBridgeCommands {
 public:
+    // Nothing here waits, so every call is answered on the thread that read it.
+    bool answersAtOnce(std::string_view) const override { return true; }
     std::string clientOS() override { return answer; }
     std::string clientVersion() override { return answer; }
     std::int64_t authorizeServer(const std::string&, std::int64_t, std::int64_t) override {
@@ -50,8 +53,9 @@ private:
 
 int main(int argc, char** argv) {
     const int port = argc > 1 ? std::atoi(argv[1]) : defaultPort;
-    if (port <= 0 || port > 65535) {
-        std::fprintf(stderr, "usage: %s [port]\n", argv[0]);
+    const int loops = argc > 2 ? std::atoi(argv[2]) : 0;
+    if (port <= 0 || port > 65535 || loops < 0) {
+        std::fprintf(stderr, "usage: %s [port [loops]]\n", argv[0]);
         return 2;
     }
     // The serving threads inherit the blocked signals; only sigwait below receives them.
@@ -63,9 +67,11 @@ int main(int argc, char** argv) {
     std::signal(SIGPIPE, SIG_IGN);
     QBLog::setSink([](QBLog::Channel, std::string_view) {});
 
-    auto server =
-        QBKelvoXMLRPCServer::serverWithAddress(QBIPAddress::ipAddressWithAddress("127.0.0.1"), port,
-                                               nullptr, std::make_shared<FixedAnswers>());
+    QBKelvoXMLRPCServer::Settings settings;
+    settings.serving.loopThreads = static_cast<std::size_t>(loops);
+    auto server = QBKelvoXMLRPCServer::serverWithAddress(
+        QBIPAddress::ipAddressWithAddress("127.0.0.1"), port, nullptr,
+        std::make_shared<FixedAnswers>(), settings);
     std::thread loop([server] { server->serve(); });
     for (int waited = 0; server->serverSocket()->localPort() == 0; ++waited) {
         if (waited == 200) {  // 2 s: serve has given up (the port is taken, most likely)

@@ -1,10 +1,11 @@
 #pragma once
 // Test doubles around the bridge server:
 //  - FakeBridgeCommands records every command call as "name(arg,arg,...)" and answers with
-//    fixed results; calls may come from several connection threads at once.
+//    fixed results; calls may come from several threads at once.
 //  - RunningBridgeServer serves a QBKelvoXMLRPCServer on 127.0.0.1 and an OS-chosen port on a
 //    thread of its own, waits until it listens, and shuts it down and joins on destruction.
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -19,6 +20,11 @@ class FakeBridgeCommands : public QBKelvoBridgeCommands {
 public:
     FakeBridgeCommands(std::string stringResult = "abc", std::int64_t numberResult = 1)
         : stringResult(std::move(stringResult)), numberResult(numberResult) {}
+
+    // Whether the server may run the commands on its loop thread (like clientOS) instead of a
+    // pool thread (like a command that waits for the GUI application).
+    void setAnswersAtOnce(bool atOnce) { answersAtOnce_ = atOnce; }
+    bool answersAtOnce(std::string_view) const override { return answersAtOnce_; }
 
     std::vector<std::string> calls() const;
     std::string lastCall() const;
@@ -46,6 +52,7 @@ private:
 
     const std::string stringResult;
     const std::int64_t numberResult;
+    std::atomic<bool> answersAtOnce_{false};
     mutable std::mutex lock;  // guards recorded; leaf lock
     std::vector<std::string> recorded;
 };
