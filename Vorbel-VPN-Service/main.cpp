@@ -1,6 +1,8 @@
 // Process entry of the daemon: no arguments, no environment, no configuration file.
 // SIGTERM and SIGINT run stopService() on a worker thread; the exit status is always 0.
 
+#include <sys/resource.h>
+
 #include <csignal>
 #include <memory>
 
@@ -17,6 +19,15 @@ void ignoreSignal(int signalNumber) {
     sigaction(signalNumber, &action, nullptr);
 }
 
+// Both bridge servers may hold thousands of connections (a hostile page can open them); the
+// default soft limit of 1024 descriptors would make them evict connections far earlier.
+void allowAllDescriptors() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max) return;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 }  // namespace
 
 int main() {
@@ -26,6 +37,7 @@ int main() {
     QBSignalSource stopSignals({SIGTERM, SIGINT}, [service](int) { service->stopService(); });
     ignoreSignal(SIGTERM);
     ignoreSignal(SIGINT);
+    allowAllDescriptors();
 
     service->startService();
 
