@@ -9,8 +9,7 @@
 #include "QBBuffer.h"
 #include "support/LogCapture.h"
 
-// AddressSanitizer treats an impossible allocation as an error unless, like the real allocator,
-// it may return null; the unallocatable-capacity case below needs the real behaviour.
+// The unallocatable capacity below needs the allocator's null, not an AddressSanitizer report.
 extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
 
 namespace {
@@ -20,7 +19,7 @@ using Bytes = std::vector<std::uint8_t>;
 Bytes bytesOf(std::string_view text) { return Bytes(text.begin(), text.end()); }
 Bytes contents(const QBBuffer& buffer) { return buffer.rawData().value_or(Bytes{}); }
 
-// An empty buffer whose indexes sit at store index head, so that later writes wrap round.
+// An empty buffer whose head sits at store index head, so that later writes wrap round.
 std::unique_ptr<QBBuffer> bufferWithHeadAt(std::int64_t size, std::int64_t head) {
     auto buffer = QBBuffer::initWithSize(size);
     if (head > 0 && buffer->writeData(Bytes(head, 0))) buffer->removeData(head);
@@ -30,30 +29,19 @@ std::unique_ptr<QBBuffer> bufferWithHeadAt(std::int64_t size, std::int64_t head)
 }  // namespace
 
 TEST(QBBufferTest, CapacityIsFixedAtCreation) {
-    for (auto [requested, expected] :
-         {std::pair<std::int64_t, std::int64_t>{-1, 65536}, {-4096, 65536}, {0, 0}, {4, 4}}) {
-        auto buffer = QBBuffer::initWithSize(requested);
-        ASSERT_NE(buffer, nullptr);
-        EXPECT_EQ(buffer->size(), expected);
-        EXPECT_EQ(buffer->length(), 0);
-    }
-    EXPECT_EQ(QBBuffer::init()->size(), 65536);
+    EXPECT_EQ(QBBuffer::initWithSize(-4096)->size(), QBBuffer::defaultSize);
+    EXPECT_EQ(QBBuffer::initWithSize(0)->size(), 0);
     LogCapture log;
     EXPECT_EQ(QBBuffer::initWithSize(std::numeric_limits<std::int64_t>::max()), nullptr);
     EXPECT_EQ(log.count("Buffer memory allocation failed"), 1);
 }
 
 TEST(QBBufferTest, RefusedWriteLeavesBufferUnchanged) {
-    auto empty = QBBuffer::initWithSize(4);
     const std::function<bool(QBBuffer&)> refusedWrites[] = {
         [](QBBuffer& b) { return b.writeRawData(nullptr, 1); },
-        [](QBBuffer& b) { return b.writeRawData("x", INT64_MAX, 1); },
         [](QBBuffer& b) { return b.writeString(""); },
-        [](QBBuffer& b) { return b.writeData({}); },
-        [](QBBuffer& b) { return b.writeInt32(7); },                  // one byte too many
-        [](QBBuffer& b) { return b.writeRawData("abcdef", 6, 3); },  // inside, ends past capacity
-        [&](QBBuffer& b) { return b.writeBuffer(*empty); },
-    };
+        [](QBBuffer& b) { return b.writeInt32(7); },                    // one byte too many
+        [](QBBuffer& b) { return b.writeRawData("x", INT64_MAX, 1); }};  // no overflow
     for (std::size_t i = 0; i < std::size(refusedWrites); ++i) {
         LogCapture log;
         auto buffer = bufferWithHeadAt(8, 6);
@@ -74,84 +62,47 @@ TEST(QBBufferTest, NumbersUseHostByteOrderAcrossTheWrapPoint) {
     EXPECT_EQ(buffer->readInt16(), 0x0102);
     EXPECT_EQ(buffer->readInt32(), 0x01020304);
     EXPECT_EQ(buffer->readFloat(), 1.0f);
-    EXPECT_TRUE(buffer->writeDouble(2.5));
-    EXPECT_EQ(buffer->length(), 8);
+    buffer->writeDouble(2.5);
     EXPECT_EQ(buffer->readDouble(), 2.5);
-}
-
-TEST(QBBufferTest, ShortReadsReturnNothingAndConsumeNothing) {
-    auto buffer = QBBuffer::initWithSize(8);
-    buffer->writeString("abc");
-    EXPECT_EQ(buffer->readInt32(), 0);
-    EXPECT_EQ(buffer->readDouble(), 0.0);
-    EXPECT_FALSE(buffer->readStringWithLength(4));
-    EXPECT_EQ(buffer->readBufferWithLength(0), nullptr);
-    EXPECT_EQ(contents(*buffer), bytesOf("abc"));
-}
-
-TEST(QBBufferTest, StringReadsEndAtZeroByteAndRejectInvalidUTF8) {
-    auto buffer = bufferWithHeadAt(8, 6);
-    buffer->writeRawData("ab\0cd", 5);
-    EXPECT_EQ(buffer->readString(), "ab");
-    EXPECT_EQ(buffer->length(), 0);
-    EXPECT_EQ(buffer->readString(), std::nullopt);
-    buffer->writeString("\xc3" "ab");
-    EXPECT_EQ(buffer->readStringWithLength(2), std::nullopt);  // consumed all the same
-    EXPECT_EQ(contents(*buffer), bytesOf("b"));
-}
-
-TEST(QBBufferTest, TerminatedStringReadsThroughTheTerminator) {
-    using Case = std::tuple<std::string, char, std::optional<std::string>, std::string>;
-    for (const auto& [data, terminator, text, rest] :
-         {Case{"ab\ncd", '\n', "ab\n", "cd"}, Case{"abcd", '\n', std::nullopt, "abcd"},
-          Case{"\nab", '\n', "\n", "ab"}, Case{std::string("ab\0cd", 5), '\0', "ab", "cd"},
-          Case{"a\xff" "b", '\xff', std::nullopt, "b"}}) {  // found, but not UTF-8
-        auto buffer = bufferWithHeadAt(8, 6);
-        buffer->writeString(data);
-        EXPECT_EQ(buffer->readStringTerminatedBy(terminator), text) << data;
-        EXPECT_EQ(contents(*buffer), bytesOf(rest)) << data;
-    }
-}
-
-// The tail test across the wrap point is exercised by the model test at the end.
-TEST(QBBufferTest, EmptyTailMatchesUnlessItIsNull) {
-    auto empty = QBBuffer::initWithSize(4);
-    EXPECT_TRUE(empty->terminatedWithBytes("", 0));
-    EXPECT_FALSE(empty->terminatedWithBytes(nullptr, 0));
-}
-
-TEST(QBBufferTest, BufferReadsAndWritesCopyAcrossTheWrapPoint) {
-    auto buffer = bufferWithHeadAt(8, 6);
-    buffer->writeString("abcdef");
-    auto part = buffer->readBufferWithLength(4);  // a full buffer of exactly that capacity
-    ASSERT_NE(part, nullptr);
-    EXPECT_EQ(part->size(), 4);
-    EXPECT_EQ(contents(*part), bytesOf("abcd"));
-    EXPECT_EQ(contents(*buffer), bytesOf("ef"));
-    LogCapture log;
-    EXPECT_FALSE(part->writeByte('x'));
-    EXPECT_EQ(log.count("Buffer is full"), 1);
-    part->removeData(2);
-    part->writeString("xy");
-    EXPECT_EQ(contents(*part), bytesOf("cdxy"));
-
-    auto target = bufferWithHeadAt(8, 7);
-    target->writeString("x");
-    EXPECT_TRUE(target->writeBuffer(*part));
-    EXPECT_EQ(contents(*part), bytesOf("cdxy"));  // the source keeps its bytes
-    EXPECT_EQ(contents(*target), bytesOf("xcdxy"));
-}
-
-TEST(QBBufferTest, PositionedInt16WriteOverwritesInPlace) {
-    auto buffer = QBBuffer::initWithSize(6);
     buffer->writeString("abcd");
+    EXPECT_EQ(buffer->readInt64(), 0);  // too short: nothing read, nothing consumed
     EXPECT_TRUE(buffer->writeInt16(0x5958, 1));   // "XY" over "bc"
     EXPECT_TRUE(buffer->writeInt16(0x215a, -1));  // "Z!" appended
     EXPECT_EQ(contents(*buffer), bytesOf("aXYdZ!"));
 }
 
-// Many random operations checked against a std::deque, including positioned writes inside the
-// data, self-copies and stale bytes behind the head; catches index and wrap-around faults.
+TEST(QBBufferTest, StringReadsEndAtZeroByteOrTerminatorAndRejectInvalidUTF8) {
+    auto buffer = bufferWithHeadAt(8, 6);
+    buffer->writeRawData("ab\0cd", 5);
+    EXPECT_EQ(buffer->readString(), "ab");  // the bytes after the zero are consumed too
+    EXPECT_EQ(buffer->readString(), std::nullopt);
+    buffer->writeString("\xc3" "ab\n");
+    EXPECT_EQ(buffer->readStringWithLength(5), std::nullopt);  // not there: nothing consumed
+    EXPECT_EQ(buffer->readStringWithLength(2), std::nullopt);  // not UTF-8: consumed all the same
+    EXPECT_EQ(buffer->readStringTerminatedBy('x'), std::nullopt);
+    EXPECT_EQ(buffer->readStringTerminatedBy('\n'), "b\n");
+    EXPECT_EQ(buffer->length(), 0);
+    EXPECT_FALSE(buffer->terminatedWithBytes(nullptr, 0));
+}
+
+TEST(QBBufferTest, BufferReadsAndWritesCopyAcrossTheWrapPoint) {
+    auto buffer = bufferWithHeadAt(8, 6);
+    buffer->writeString("abcdef");
+    EXPECT_EQ(buffer->readBufferWithLength(7), nullptr);
+    auto part = buffer->readBufferWithLength(4);
+    ASSERT_NE(part, nullptr);
+    EXPECT_EQ(part->size(), 4);
+    EXPECT_EQ(contents(*part), bytesOf("abcd"));
+    EXPECT_EQ(contents(*buffer), bytesOf("ef"));
+    auto target = bufferWithHeadAt(8, 7);
+    target->writeString("x");
+    EXPECT_TRUE(target->writeBuffer(*part));
+    EXPECT_EQ(contents(*part), bytesOf("abcd"));  // the source keeps its bytes
+    EXPECT_EQ(contents(*target), bytesOf("xabcd"));
+}
+
+// Random operations checked against a std::deque, including positioned writes inside the data,
+// self-copies and stale bytes behind the head: catches index and wrap-around faults.
 TEST(QBBufferTest, RandomOperationsMatchADequeModel) {
     std::mt19937 random(20240611);
     auto pick = [&](std::int64_t low, std::int64_t high) {
@@ -159,7 +110,7 @@ TEST(QBBufferTest, RandomOperationsMatchADequeModel) {
     };
     const std::uint8_t alphabet[] = {0x00, 0x0a, 0x80, 0xff};  // few values: searches hit often
     LogCapture log;
-    for (std::int64_t size : {1, 2, 7, 64}) {
+    for (std::int64_t size : {1, 7, 64}) {
         auto buffer = QBBuffer::initWithSize(size);
         std::deque<std::uint8_t> model;
         int refusals = 0;
@@ -169,61 +120,58 @@ TEST(QBBufferTest, RandomOperationsMatchADequeModel) {
             const std::int64_t count = pick(-1, size / 2 + 2);
             Bytes bytes(static_cast<std::size_t>(std::max<std::int64_t>(count, 0)));
             for (auto& byte : bytes) byte = alphabet[pick(0, 3)];
-            const auto at = [&](std::int64_t offset) { return model.begin() + offset; };
             const bool present = count >= 1 && count <= length;
-            switch (pick(0, 5)) {
-            case 0: {
+            const auto front = [&] { return Bytes(model.begin(), model.begin() + count); };
+            switch (pick(0, 4)) {
+            case 0: {  // a position outside 0..length appends
                 const std::int64_t position = pick(-2, length + 2);
-                const std::int64_t q = position < 0 || position > length ? length : position;
-                const bool fits = count >= 1 && q + count <= size;
+                const auto at = position < 0 || position > length ? length : position;
+                const bool fits = count >= 1 && at + count <= size;
                 ASSERT_EQ(buffer->writeRawData(bytes.data(), count, position), fits);
                 refusals += !fits;
                 if (!fits) break;
-                const auto inside = std::min(count, length - q);
-                std::copy_n(bytes.begin(), inside, at(q));
+                const auto inside = std::min(count, length - at);
+                std::copy_n(bytes.begin(), inside, model.begin() + at);
                 model.insert(model.end(), bytes.begin() + inside, bytes.end());
                 break;
             }
             case 1: {
-                std::optional<Bytes> expected;
-                if (present) expected.emplace(at(0), at(count));
+                const auto expected = present ? std::optional(front()) : std::nullopt;
                 ASSERT_EQ(buffer->peekRawData(count), expected);
-                ASSERT_EQ(buffer->readRawData(count), expected);
-                if (present) model.erase(at(0), at(count));
+                if (pick(0, 1)) {
+                    ASSERT_EQ(buffer->readRawData(count), expected);
+                } else {
+                    buffer->removeData(count);
+                }
+                if (present) model.erase(model.begin(), model.begin() + count);
                 break;
             }
-            case 2:
-                buffer->removeData(count);
-                if (present) model.erase(at(0), at(count));
-                break;
-            case 3: {
-                const std::uint8_t terminator = bytes.empty() ? 0 : bytes[0];
-                const auto found = std::find(model.begin(), model.end(), terminator);
-                ASSERT_EQ(buffer->readDataLengthTerminatedBy(char(terminator)),
+            case 2: {
+                const auto found = std::find(model.begin(), model.end(), alphabet[count & 3]);
+                ASSERT_EQ(buffer->readDataLengthTerminatedBy(char(alphabet[count & 3])),
                           found == model.end() ? -1 : found - model.begin());
                 break;
             }
-            case 4: {  // one byte longer than the data: must not read stale bytes behind the head
+            case 3: {  // one byte longer than the data: must not read stale bytes behind the head
                 const std::int64_t n = std::min(count, length + 1);
-                Bytes tail(at(length - std::clamp<std::int64_t>(n, 0, length)), model.end());
+                Bytes tail(model.end() - std::clamp<std::int64_t>(n, 0, length), model.end());
                 if (n > length) tail.insert(tail.begin(), 0x00);
                 const bool altered = n > 0 && pick(0, 1) == 1;
                 if (altered) tail[pick(0, n - 1)] ^= 1;
-                const std::uint8_t* data = tail.empty() ? alphabet : tail.data();
-                ASSERT_EQ(buffer->terminatedWithBytes(data, static_cast<std::int32_t>(n)),
+                ASSERT_EQ(buffer->terminatedWithBytes(tail.empty() ? alphabet : tail.data(),
+                                                      static_cast<std::int32_t>(n)),
                           n <= length && !altered);
                 break;
             }
-            case 5: {
+            case 4: {
                 const bool fits = length >= 1 && 2 * length <= size;
                 ASSERT_EQ(buffer->writeBuffer(*buffer), fits);
+                refusals += !fits;
                 const Bytes copy(model.begin(), model.end());
                 if (fits) model.insert(model.end(), copy.begin(), copy.end());
-                refusals += !fits;
                 break;
             }
             }
-            ASSERT_EQ(buffer->length(), static_cast<std::int64_t>(model.size())) << step;
             ASSERT_EQ(contents(*buffer), Bytes(model.begin(), model.end())) << step;
         }
         EXPECT_EQ(log.count("Buffer is full"), refusals) << size;
