@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <deque>
-#include <functional>
 #include <limits>
 #include <random>
 
@@ -37,20 +35,15 @@ TEST(QBBufferTest, CapacityIsFixedAtCreation) {
 }
 
 TEST(QBBufferTest, RefusedWriteLeavesBufferUnchanged) {
-    const std::function<bool(QBBuffer&)> refusedWrites[] = {
-        [](QBBuffer& b) { return b.writeRawData(nullptr, 1); },
-        [](QBBuffer& b) { return b.writeString(""); },
-        [](QBBuffer& b) { return b.writeInt32(7); },                    // one byte too many
-        [](QBBuffer& b) { return b.writeRawData("x", INT64_MAX, 1); }};  // no overflow
-    for (std::size_t i = 0; i < std::size(refusedWrites); ++i) {
-        LogCapture log;
-        auto buffer = bufferWithHeadAt(8, 6);
-        buffer->writeString("hello");
-        EXPECT_FALSE(refusedWrites[i](*buffer)) << i;
-        EXPECT_EQ(log.count("Buffer is full"), 1) << i;
-        EXPECT_TRUE(buffer->writeString("!!!")) << i;  // exactly fills: the indexes did not move
-        EXPECT_EQ(contents(*buffer), bytesOf("hello!!!")) << i;
-    }
+    LogCapture log;
+    auto buffer = bufferWithHeadAt(8, 6);
+    buffer->writeString("hello");
+    EXPECT_FALSE(buffer->writeRawData(nullptr, 1));
+    EXPECT_FALSE(buffer->writeRawData("x", INT64_MAX, 1));  // no overflow in the capacity check
+    EXPECT_FALSE(buffer->writeInt32(7));                    // one byte too many
+    EXPECT_EQ(log.count("Buffer is full"), 3);
+    EXPECT_TRUE(buffer->writeString("!!!"));  // exactly fills: the indexes did not move
+    EXPECT_EQ(contents(*buffer), bytesOf("hello!!!"));
 }
 
 TEST(QBBufferTest, NumbersUseHostByteOrderAcrossTheWrapPoint) {
@@ -101,20 +94,17 @@ TEST(QBBufferTest, BufferReadsAndWritesCopyAcrossTheWrapPoint) {
     EXPECT_EQ(contents(*target), bytesOf("xabcd"));
 }
 
-// Random operations checked against a std::deque, including positioned writes inside the data,
+// Random operations checked against a plain byte vector, including positioned writes inside the data,
 // self-copies and stale bytes behind the head: catches index and wrap-around faults.
-TEST(QBBufferTest, RandomOperationsMatchADequeModel) {
+TEST(QBBufferTest, RandomOperationsMatchAVectorModel) {
     std::mt19937 random(20240611);
     auto pick = [&](std::int64_t low, std::int64_t high) {
         return std::uniform_int_distribution<std::int64_t>(low, high)(random);
     };
     const std::uint8_t alphabet[] = {0x00, 0x0a, 0x80, 0xff};  // few values: searches hit often
-    LogCapture log;
     for (std::int64_t size : {1, 7, 64}) {
         auto buffer = QBBuffer::initWithSize(size);
-        std::deque<std::uint8_t> model;
-        int refusals = 0;
-        log.clear();
+        Bytes model;
         for (int step = 0; step < 20000; ++step) {
             const auto length = static_cast<std::int64_t>(model.size());
             const std::int64_t count = pick(-1, size / 2 + 2);
@@ -128,7 +118,6 @@ TEST(QBBufferTest, RandomOperationsMatchADequeModel) {
                 const auto at = position < 0 || position > length ? length : position;
                 const bool fits = count >= 1 && at + count <= size;
                 ASSERT_EQ(buffer->writeRawData(bytes.data(), count, position), fits);
-                refusals += !fits;
                 if (!fits) break;
                 const auto inside = std::min(count, length - at);
                 std::copy_n(bytes.begin(), inside, model.begin() + at);
@@ -166,14 +155,12 @@ TEST(QBBufferTest, RandomOperationsMatchADequeModel) {
             case 4: {
                 const bool fits = length >= 1 && 2 * length <= size;
                 ASSERT_EQ(buffer->writeBuffer(*buffer), fits);
-                refusals += !fits;
-                const Bytes copy(model.begin(), model.end());
+                const Bytes copy = model;
                 if (fits) model.insert(model.end(), copy.begin(), copy.end());
                 break;
             }
             }
-            ASSERT_EQ(contents(*buffer), Bytes(model.begin(), model.end())) << step;
+            ASSERT_EQ(contents(*buffer), model) << step;
         }
-        EXPECT_EQ(log.count("Buffer is full"), refusals) << size;
     }
 }
