@@ -7,14 +7,14 @@
 
 namespace {
 
-using Parameters = QBVPNConfiguration::Parameters;
+using Blocks = QBVPNConfiguration::BlockStore;
+const std::string header(QBVPNConfiguration::generatedHeader);
 
-// Recognises inline blocks written as "<ca>" ... "</ca>" on lines of their own ("<?>" has no
-// name), and stores command names in lower case.
+// Recognises inline blocks written as "<ca>" ... "</ca>" ("<?>" has no name), and stores command
+// names in lower case.
 class InlineBlockConfiguration : public QBVPNConfiguration {
   public:
     InlineBlockConfiguration() { parseMultilineCommands = true; }
-
     std::string parseCommand(std::string_view command) const override {
         std::string name(command);
         for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
@@ -23,8 +23,8 @@ class InlineBlockConfiguration : public QBVPNConfiguration {
     bool isMultilineCommandStart(std::string_view line) const override {
         return line.size() > 2 && line.front() == '<' && line.back() == '>' && line[1] != '/';
     }
-    bool isMultilineCommandEnd(std::string_view line, std::string_view command) const override {
-        return line == "</" + std::string(command) + ">";
+    bool isMultilineCommandEnd(std::string_view line, std::string_view name) const override {
+        return line == *multilineCommandEndForName(name);
     }
     std::optional<std::string> multilineCommandNameForLine(std::string_view line) const override {
         if (line == "<?>") return std::nullopt;
@@ -38,80 +38,56 @@ class InlineBlockConfiguration : public QBVPNConfiguration {
     }
 };
 
-// Accepts only the names it knows.
-class StrictConfiguration : public InlineBlockConfiguration {
-  public:
-    StrictConfiguration() {
-        allowUnknownCommands = false;
-        knownCommands = {"remote", "dev"};
-        knownMetaCommands = {"name"};
-    }
-};
-
 }  // namespace
 
 TEST(QBVPNConfigurationSubclassTest, InlineBlocksLoadAsBlocksNotCommands) {
     const auto document = QBVPNConfiguration::configurationWithFile<InlineBlockConfiguration>(
         std::string(QB_SOURCE_DIR) + "/tests/data/office-profile.ovpn");
-    EXPECT_EQ(document->getMultilineCommand("ca"),
-              "-----BEGIN CERTIFICATE-----\n"
-              "MIIBszCCAVmgAwIBAgIUQmFzZTY0IHRlc3QgY2VydGlmaWNhdGUwCgYIKoZIzj0E\n"
-              "AwIwFzEVMBMGA1UEAwwMVGVzdCBSb290IENBMB4XDTI0MDEwMTAwMDAwMFoXDTM0\n"
-              "-----END CERTIFICATE-----\n");
-    EXPECT_TRUE(document->multilineCommandExists("tls-auth"));
-    EXPECT_FALSE(document->commandExists("<ca>"));
-    EXPECT_FALSE(document->commandExists("-----BEGIN"));
-    EXPECT_EQ(document->getCommand("key-direction"), (Parameters{"1"}));  // after the blocks
-    EXPECT_EQ(document->getCommands("remote")->size(), 3u);
+    EXPECT_EQ(document->getMultilineCommand("tls-auth"), "-----BEGIN Static key V1-----\n"
+              "0f1e2d3c4b5a69788796a5b4c3d2e1f0\n-----END Static key V1-----\n");
+    EXPECT_TRUE(document->multilineCommandExists("ca"));
+    EXPECT_FALSE(document->commandExists("<ca>") || document->commandExists("-----BEGIN"));
+    EXPECT_EQ(document->getCommand("key-direction"), (QBVPNConfiguration::Parameters{"1"}));
 }
 
-TEST(QBVPNConfigurationSubclassTest, EachLoadReplacesTheBlocksAndDropsUnfinishedOnes) {
+TEST(QBVPNConfigurationSubclassTest, EachLoadReplacesTheBlocksAndDropsUnfinishedOrNamelessOnes) {
     InlineBlockConfiguration document;
     document.parseRawData("<ca>\nfirst\n</ca>\n");
-    document.parseRawData("<key>\n# not a comment here\n</key>\n<cert>\nremote never\n");
-    EXPECT_EQ(document.getMultilineCommands(),
-              (QBVPNConfiguration::BlockStore{{"key", "# not a comment here\n"}}));
+    document.parseRawData("<key>\n# not a comment here\n</key>\n<?>\nx\n</>\n<cert>\nremote a\n");
+    EXPECT_EQ(document.getMultilineCommands(), (Blocks{{"key", "# not a comment here\n"}}));
     EXPECT_FALSE(document.commandExists("remote"));  // lines of an open block are never tokenized
-
-    document.parseRawData("<?>\nnameless\n</>\nverb 3\n");  // a block without a name is dropped
-    EXPECT_EQ(document.getMultilineCommands(), QBVPNConfiguration::BlockStore{});
-    EXPECT_TRUE(document.commandExists("verb"));
-
-    // Every line break ends a line, so CR LF leaves an empty line after each block line.
-    document.parseRawData("<ca>\r\nA\r\n</ca>\r\n");
+    document.parseRawData("<ca>\r\nA\r\n</ca>\r\n");  // CR LF leaves an empty line after each
     EXPECT_EQ(document.getMultilineCommand("ca"), "\nA\n\n");
 }
 
 TEST(QBVPNConfigurationSubclassTest, BlocksAreWrittenAfterCommandsAndGainALineFeedPerRoundTrip) {
     InlineBlockConfiguration document;
-    document.parseRawData("REMOTE a.example\n<ca>\nline one\nline two\n</ca>\n");
-    EXPECT_TRUE(document.commandExists("remote"));  // parseCommand lowered the name
+    document.parseRawData("REMOTE a.example\n<ca>\nline one\n</ca>\n");
     const std::string text = document.generateRawConfigurationData();
-    EXPECT_EQ(text, std::string(QBVPNConfiguration::generatedHeader) +
-                        "remote a.example\n<ca>\nline one\nline two\n\n</ca>\n");
-
+    EXPECT_EQ(text, header + "remote a.example\n<ca>\nline one\n\n</ca>\n");
     InlineBlockConfiguration copy;
     copy.parseRawData(text);
-    EXPECT_EQ(copy.getMultilineCommand("ca"), "line one\nline two\n\n");
-
-    QBVPNConfiguration plain;  // blocks are written only when the document recognises them
+    EXPECT_EQ(copy.getMultilineCommand("ca"), "line one\n\n");
+    // A document that recognises no blocks reads their lines as commands and writes no blocks.
+    EXPECT_TRUE(QBVPNConfiguration::configurationWithData(text, {})->commandExists("<ca>"));
+    QBVPNConfiguration plain;
     plain.setMultilineCommand("ca", "x\n");
-    EXPECT_EQ(plain.generateRawConfigurationData(),
-              std::string(QBVPNConfiguration::generatedHeader));
+    EXPECT_EQ(plain.generateRawConfigurationData(), header);
 }
 
 TEST(QBVPNConfigurationSubclassTest, StrictDocumentIgnoresUnknownNamesEverywhere) {
-    StrictConfiguration document;
+    struct StrictConfiguration : InlineBlockConfiguration {
+        StrictConfiguration() {
+            allowUnknownCommands = false;
+            knownCommands = {"remote", "dev"};
+            knownMetaCommands = {"name"};
+        }
+    } document;
     document.parseRawData("Remote a\nverb 3\n#lumentide name X\n#lumentide autoconnect yes\n");
     document.setCommand("cipher", {"AES-256-GCM"});
     document.setMetaCommand("protocol", {"udp"});
     document.addCommand("dev", {"tun"});
-    EXPECT_EQ(document.getCommand("remote"), (Parameters{"a"}));
-    EXPECT_FALSE(document.commandExists("verb") || document.commandExists("cipher"));
-    EXPECT_FALSE(document.metaCommandExists("autoconnect"));
-    EXPECT_FALSE(document.metaCommandExists("protocol"));
     EXPECT_EQ(document.getUnknownCommands(), std::nullopt);
     EXPECT_EQ(document.generateRawConfigurationData(),
-              std::string(QBVPNConfiguration::generatedHeader) +
-                  "#lumentide name X\nremote a\ndev tun\n");
+              header + "#lumentide name X\nremote a\ndev tun\n");
 }
