@@ -4,49 +4,32 @@
 
 #include "platform/QBText.h"
 
-TEST(QBTextTest, LeadingIntegerFollowsTheScanRules) {
-    struct Case {
-        const char* text;
-        std::int64_t value;
-    };
-    const Case cases[] = {
-        {"443", 443},   {"  \t\n-12abc", -12},  {"+7", 7},   {"", 0},       {"abc", 0},
-        {"- 5", 0},     {"12 34", 12},          {"0x10", 0}, {"\u00a0" "9", 9},  // no-break space skipped
-        {"99999999999999999999", std::numeric_limits<std::int64_t>::max()},
-        {"-99999999999999999999", std::numeric_limits<std::int64_t>::min()},
-        {"-9223372036854775808", std::numeric_limits<std::int64_t>::min()},
-        {"9223372036854775807", std::numeric_limits<std::int64_t>::max()},
-    };
-    for (const auto& c : cases) EXPECT_EQ(QBText::scanLeadingInteger(c.text), c.value) << c.text;
+TEST(QBTextTest, LeadingIntegerSkipsWhiteSpaceTakesASignAndSaturates) {
+    constexpr auto max = std::numeric_limits<std::int64_t>::max();
+    constexpr auto min = std::numeric_limits<std::int64_t>::min();
+    const std::pair<const char*, std::int64_t> cases[] = {
+        {"\u00a0\t\n-12abc", -12}, {"+7", 7}, {"", 0}, {"- 5", 0}, {"0x10", 0},
+        {"99999999999999999999", max}, {"-99999999999999999999", min},
+        {"-9223372036854775808", min}, {"9223372036854775807", max}};
+    for (const auto& [text, value] : cases)
+        EXPECT_EQ(QBText::scanLeadingInteger(text), value) << text;
 }
 
-TEST(QBTextTest, RejectsMalformedUTF8) {
-    EXPECT_TRUE(QBText::isValidUTF8("plain ascii"));
-    EXPECT_TRUE(QBText::isValidUTF8("b\xc3\xbc" "cher \xf0\x9f\x98\x80"));
-    EXPECT_FALSE(QBText::isValidUTF8("\xc3"));              // truncated sequence
-    EXPECT_FALSE(QBText::isValidUTF8("\xc0\xaf"));          // overlong slash
-    EXPECT_FALSE(QBText::isValidUTF8("\xed\xa0\x80"));      // encoded surrogate
-    EXPECT_FALSE(QBText::isValidUTF8("\xf4\x90\x80\x80"));  // above U+10FFFF
-    EXPECT_FALSE(QBText::toUTF16("\xff").has_value());
-}
-
-TEST(QBTextTest, UTF16RoundTripCountsCodeUnits) {
+TEST(QBTextTest, UTF8IsValidatedAndConvertedByCodeUnits) {
+    EXPECT_TRUE(QBText::isValidUTF8("plain ascii, b\xc3\xbc" "cher"));
+    for (const char* bad : {"12345678\xc3", "\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80"})
+        EXPECT_FALSE(QBText::isValidUTF8(bad)) << bad;  // cut short, overlong, surrogate, too big
     const auto utf16 = QBText::toUTF16("a\xf0\x9f\x98\x80" "b");
-    ASSERT_TRUE(utf16.has_value());
-    EXPECT_EQ(utf16->size(), 4u);  // the emoji is a surrogate pair
+    EXPECT_EQ(utf16, u"a\U0001F600b");
     EXPECT_EQ(QBText::toUTF8(*utf16), "a\xf0\x9f\x98\x80" "b");
+    EXPECT_EQ(QBText::toUTF16("\xff"), std::nullopt);
 }
 
 TEST(QBTextTest, CharacterClasses) {
-    for (char32_t c : {U' ', U'\t', U'\n', U'\v', U'\f', U'\r', U'\u0085', U'\u00a0', U'\u2028',
-                       U'\u2029', U'\u3000'}) {
+    for (char32_t c : {U' ', U'\t', U'\r', U'\u0085', U'\u00a0', U'\u2028', U'\u3000'})
         EXPECT_TRUE(QBText::isWhitespaceOrNewline(c)) << static_cast<unsigned>(c);
-    }
-    for (char32_t c : {U'a', U'#', U'\0', U'\u200b', U'\U0001F600'}) {
+    for (char32_t c : {U'a', U'\0', U'\u200b'})
         EXPECT_FALSE(QBText::isWhitespaceOrNewline(c)) << static_cast<unsigned>(c);
-    }
-    EXPECT_TRUE(QBText::isNewline(U'\v'));
-    EXPECT_TRUE(QBText::isNewline(U'\u2029'));
-    EXPECT_FALSE(QBText::isNewline(U' '));
-    EXPECT_FALSE(QBText::isNewline(U'\u00a0'));
+    EXPECT_TRUE(QBText::isNewline(U'\v') && QBText::isNewline(U'\u2029'));
+    EXPECT_FALSE(QBText::isNewline(U' ') || QBText::isNewline(U'\u00a0'));
 }
