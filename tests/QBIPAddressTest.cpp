@@ -83,8 +83,8 @@ TEST(QBIPAddressTest, FromSocketAddressKeepsTheWholeStructure) {
 }
 
 TEST(QBIPAddressTest, FromRawBytesNeedsEnoughBytesForTheVersion) {
-    std::vector<std::uint8_t> bytes(16, 0);
-    bytes[0] = 0x20, bytes[1] = 1, bytes[2] = 0x0d, bytes[3] = 0xb8, bytes[15] = 1;
+    const std::vector<std::uint8_t> bytes = {0x20, 1, 0x0d, 0xb8, 0, 0, 0, 0,
+                                             0,    0, 0,    0,    0, 0, 0, 1};
     EXPECT_EQ(QBIPAddress::ipAddressWithAddressBytes(bytes, 6)->address(), "2001:db8::1");
     EXPECT_EQ(QBIPAddress::ipAddressWithAddressBytes(bytes, 4)->address(), "32.1.13.184");
     EXPECT_EQ(QBIPAddress::ipAddressWithAddressBytes({10, 0, 0}, 4), nullptr);
