@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <random>
 #include <string>
 
 #include "QBVPNConfiguration.h"
@@ -30,11 +29,6 @@ unsigned permissionsOf(const std::string& path) {
     return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
 }
 
-class ProtocolConfiguration : public QBVPNConfiguration {
-  public:
-    ProtocolConfiguration() { _protocol = "tcp"; }
-};
-
 }  // namespace
 
 TEST(QBVPNConfigurationGenerationTest, WriterQuotesAndEscapesOnlyWhatTheTokenizerNeeds) {
@@ -46,36 +40,22 @@ TEST(QBVPNConfigurationGenerationTest, WriterQuotesAndEscapesOnlyWhatTheTokenize
         EXPECT_EQ(document.generateString(parameters), written) << written;
 }
 
-// Random parameters over every unit the writer treats specially, and text outside the BMP; no
-// line breaks and never empty, the two cases that cannot survive writing and reading.
+// Every pair of the units the writer treats specially, and text outside the BMP; no line breaks
+// and never empty, the two cases that cannot survive writing and reading.
 TEST(QBVPNConfigurationGenerationTest, GeneratedDocumentReadsBackToTheSameStores) {
-    std::mt19937 random(20240611);  // fixed seed: failures reproduce
-    const auto between = [&](int low, int high) {
-        return std::uniform_int_distribution(low, high)(random);
-    };
-    const char* const units[] = {"a", "0", " ", "\t", "\"", "\\", "#", ";", "\xC3\xA9",
-                                 "\xC2\xA0", "\xE3\x80\x80", "\xE2\x80\x8B", "\xF0\x9F\x98\x80"};
-    const auto parameter = [&] {
-        std::string text;
-        for (int i = between(1, 8); i > 0; --i) text += units[between(0, std::size(units) - 1)];
-        return text;
-    };
-    const char* const names[] = {"remote", "verb", "dev", "route"};
-    for (int round = 0; round < 500; ++round) {
-        QBVPNConfiguration original;
-        for (int line = between(0, 12); line > 0; --line) {
-            QBVPNConfiguration::ParameterList parameters;
-            for (int i = between(0, 6); i > 0; --i) parameters.push_back(parameter());
-            original.addCommand(names[between(0, 3)], parameters);
-        }
-        original.addMetaCommand("name", {parameter(), parameter()});
-        const std::string text = original.generateRawConfigurationData();
-        const auto copy = QBVPNConfiguration::configurationWithData(text, std::nullopt);
-        ASSERT_EQ(copy->generateRawConfigurationData(), text);
-        for (const char* name : names)
-            ASSERT_EQ(copy->getCommands(name), original.getCommands(name)) << text;
-        ASSERT_EQ(copy->getMetaCommands("name"), original.getMetaCommands("name")) << text;
+    const char* const units[] = {"a", " ", "\t", "\"", "\\", "#", ";", "\xC2\xA0", "\xE3\x80\x80",
+                                 "\xE2\x80\x8B", "\xF0\x9F\x98\x80"};
+    QBVPNConfiguration original;
+    for (const char* first : units) {
+        QBVPNConfiguration::ParameterList parameters;
+        for (const char* second : units) parameters.push_back(std::string(first) + second);
+        original.addCommand("remote", parameters);
+        original.addMetaCommand("name", parameters);
     }
+    const std::string text = original.generateRawConfigurationData();
+    const auto copy = QBVPNConfiguration::configurationWithData(text, std::nullopt);
+    EXPECT_EQ(copy->getCommands("remote"), original.getCommands("remote")) << text;
+    EXPECT_EQ(copy->getMetaCommands("name"), original.getMetaCommands("name")) << text;
 }
 
 TEST(QBVPNConfigurationGenerationTest, EmptyParametersLineBreaksAndBadUTF8DoNotSurviveReadingBack) {
@@ -137,7 +117,9 @@ TEST(QBVPNConfigurationGenerationTest, SaveRecordsTheProtocolOnlyWhenSet) {
     QBVPNConfiguration plain;
     plain.save();  // no path: writes nothing, reports nothing
     EXPECT_FALSE(plain.metaCommandExists("protocol"));
-    ProtocolConfiguration withProtocol;
+    struct ProtocolConfiguration : QBVPNConfiguration {
+        ProtocolConfiguration() { _protocol = "tcp"; }
+    } withProtocol;
     withProtocol.parseRawData("#lumentide protocol udp\n#lumentide protocol tls\n");
     withProtocol.save();
     EXPECT_EQ(withProtocol.getMetaCommands("protocol"), QBVPNConfiguration::Occurrences{{"tcp"}});
