@@ -46,7 +46,6 @@ TEST(QBHostTest, LiteralsAreKnownWithoutLookupButTheOtherFamilyIsAskedEveryTime)
     FakeResolver fake;
     QBHost v4("192.0.2.7", fake.hook());
     EXPECT_EQ(QBHost("2001:db8::1", fake.hook()).address()->address(), "2001:db8::1");
-    EXPECT_EQ(v4.randomAddress()->address(), "192.0.2.7");
     EXPECT_TRUE(fake.versions.empty());
     EXPECT_EQ(v4.addressesIPv6(), std::nullopt);
     EXPECT_EQ(texts(v4.addresses()), Texts{"192.0.2.7"});
@@ -57,7 +56,6 @@ TEST(QBHostTest, DomainNameIsResolvedOnDemandInIDNAFormWithOneLookupForBothFamil
     FakeResolver fake;
     fake.both = list({"192.0.2.1", "2001:db8::5", "192.0.2.2"});
     QBHost host("b\u00fccher.example", fake.hook());
-    EXPECT_EQ(host.address(), nullptr);
     EXPECT_TRUE(fake.versions.empty());
     EXPECT_EQ(texts(host.addresses()), (Texts{"192.0.2.1", "192.0.2.2", "2001:db8::5"}));
     EXPECT_EQ(fake.names, Texts{"xn--bcher-kva.example"});
