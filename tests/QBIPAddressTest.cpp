@@ -19,10 +19,9 @@ const sockaddr* asSockAddr(const void* address) { return static_cast<const socka
 TEST(QBIPAddressTest, TextFormsGiveVersionAndCanonicalText) {
     const std::tuple<std::string, std::int64_t, std::optional<std::string>> cases[] = {
         {"127.94.0.1", 4, "127.94.0.1"}, {"2001:0DB8:0000:0000::0001", 6, "2001:db8::1"},
-        {"::ffff:1.2.3.4", 6, "::ffff:1.2.3.4"}, {"0xffffff00", 4, "255.255.255.0"},
+        {"0xffffff00", 4, "255.255.255.0"},
         {"12345678", 4, "18.52.86.120"},  // eight decimal digits are hexadecimal too
-        {"example.com", 0, {}}, {" 1.2.3.4", 0, {}}, {"0xFFFFFF00", 0, {}}, {"ffffff0g", 0, {}},
-        {"1.2.3.4\0junk"s, 0, {}}, {"::1\0"s, 0, {}},
+        {" 1.2.3.4", 0, {}}, {"0xFFFFFF00", 0, {}}, {"1.2.3.4\0junk"s, 0, {}}, {"::1\0"s, 0, {}},
         {"0x1:2::3:4", 0, {}}};  // only setAddress strips the "0x" before an IPv6 parse
     for (const auto& [text, version, canonical] : cases) {
         const QBIPAddress address(text);
@@ -71,11 +70,11 @@ TEST(QBIPAddressTest, FromSocketAddressKeepsTheWholeStructure) {
     EXPECT_EQ(reinterpret_cast<const sockaddr_in*>(fromV4->getSockAddr())->sin_port, htons(8080));
     EXPECT_EQ(fromV4->address(), "10.9.8.7");
 
-    sockaddr_in6 v6{AF_INET6, htons(53), 0, {}, 3};
+    sockaddr_in6 v6{AF_INET6, htons(53), 0, {}, 3};  // port and scope are kept too
     inet_pton(AF_INET6, "fe80::1", &v6.sin6_addr);
     const QBIPAddress fromV6(asSockAddr(&v6));
-    EXPECT_EQ(fromV6.address(), "fe80::1");
     EXPECT_EQ(std::memcmp(fromV6.getSockAddr(), &v6, sizeof v6), 0);
+    EXPECT_EQ(fromV6.address(), "fe80::1");
 
     const sockaddr_un local{AF_UNIX, {}};
     EXPECT_FALSE(QBIPAddress(asSockAddr(&local)).isValid());

@@ -86,7 +86,8 @@ TEST(QBVPNConfigurationSubclassTest, StrictDocumentIgnoresUnknownNamesEverywhere
     document.setMetaCommand("protocol", {"udp"});
     document.addCommand("dev", {"tun"});
     EXPECT_EQ(document.getUnknownCommands(), std::nullopt);
-    EXPECT_FALSE(document.metaCommandExists("autoconnect") || document.metaCommandExists("protocol"));
+    EXPECT_FALSE(document.metaCommandExists("autoconnect") ||
+                 document.metaCommandExists("protocol"));
     EXPECT_EQ(document.generateRawConfigurationData(),
               header + "#lumentide name X\nremote a\ndev tun\n");
 }
