@@ -12,8 +12,7 @@ const std::string header(QBVPNConfiguration::generatedHeader);
 
 // Recognises inline blocks written as "<ca>" ... "</ca>" ("<?>" has no name), and stores command
 // names in lower case.
-class InlineBlockConfiguration : public QBVPNConfiguration {
-  public:
+struct InlineBlockConfiguration : QBVPNConfiguration {
     InlineBlockConfiguration() { parseMultilineCommands = true; }
     std::string parseCommand(std::string_view command) const override {
         std::string name(command);
