@@ -2,7 +2,7 @@
 
 #include <arpa/inet.h>
 
-#include <cstring>
+#include <algorithm>
 #include <string>
 
 #include "QBIPNetwork.h"
@@ -103,7 +103,7 @@ TEST(QBIPNetworkTest, PrefixFromIPv6MaskSocketAddress) {
         {{0xff, 0x0f}, -1}};
     for (const auto& [bytes, prefix] : cases) {
         mask.sin6_addr = {};
-        std::memcpy(&mask.sin6_addr, bytes.data(), bytes.size());
+        std::copy(bytes.begin(), bytes.end(), mask.sin6_addr.s6_addr);
         network.setPrefixAsSockAddr(asSockAddr(&mask));
         EXPECT_EQ(network.prefix(), prefix) << prefix;
     }
