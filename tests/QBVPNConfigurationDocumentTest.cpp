@@ -50,7 +50,7 @@ TEST(QBVPNConfigurationDocumentTest, LoadingAddsToTheStoresSetReplacesAddAppends
 TEST(QBVPNConfigurationDocumentTest, MetaLineLimitExcludesThePrefix) {
     const std::string word(QBVPNConfiguration::defaultMaxLineLength - 6, 'x');  // " name " + word
     const auto document = load("#lumentide name " + word + "\n#lumentide name x" + word + "\n");
-    EXPECT_EQ(document->getMetaCommands("name"), (Occurrences{{word}}));  // the longer one is skipped
+    EXPECT_EQ(document->getMetaCommands("name"), (Occurrences{{word}}));  // the longer is skipped
 }
 
 TEST(QBVPNConfigurationDocumentTest, InvalidUTF8TextOrUnreadableFileLoadsNothing) {
