@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
@@ -13,24 +12,23 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
-#include <thread>
+
+#include "support/Eventually.h"
 
 extern char** environ;
 
-DaemonProcess::DaemonProcess() : errorFile(directory.file("stderr.log")) {}
-
 DaemonProcess::~DaemonProcess() {
-    if (pid_ > 0 && isRunning()) {
-        ::kill(pid_, SIGKILL);
-        ::waitpid(pid_, nullptr, 0);
+    if (pid > 0 && ::waitpid(pid, nullptr, WNOHANG) == 0) {
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, nullptr, 0);
     }
 }
 
 bool DaemonProcess::start(const std::string& path) {
+    const auto errorFile = directory.file("stderr.log");
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errorFile.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errorFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     // The child starts with no blocked signals, whatever this test process blocks.
     posix_spawnattr_t attributes;
@@ -40,42 +38,28 @@ bool DaemonProcess::start(const std::string& path) {
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
     char* argv[] = {const_cast<char*>(path.c_str()), nullptr};
-    const int rc = ::posix_spawn(&pid_, path.c_str(), &actions, &attributes, argv, environ);
+    const bool started = ::posix_spawn(&pid, path.c_str(), &actions, &attributes, argv, environ) == 0;
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
-    if (rc != 0) pid_ = -1;
-    return rc == 0;
+    if (!started) pid = -1;
+    return started;
 }
 
 bool DaemonProcess::signal(int signalNumber) const {
-    return pid_ > 0 && ::kill(pid_, signalNumber) == 0;
+    return pid > 0 && ::kill(pid, signalNumber) == 0;
 }
 
 std::optional<int> DaemonProcess::waitForExit(std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (pid_ > 0) {
-        int status = 0;
-        const pid_t done = ::waitpid(pid_, &status, WNOHANG);
-        if (done == pid_) {
-            pid_ = -1;
-            if (WIFSIGNALED(status)) terminatingSignal = WTERMSIG(status);
-            if (WIFEXITED(status)) return WEXITSTATUS(status);
-            return std::nullopt;
-        }
-        if (std::chrono::steady_clock::now() >= deadline) return std::nullopt;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return std::nullopt;
-}
-
-bool DaemonProcess::isRunning() {
-    if (pid_ <= 0) return false;
     int status = 0;
-    return ::waitpid(pid_, &status, WNOHANG) == 0;
+    if (pid <= 0 || !eventually([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, timeout)) {
+        return std::nullopt;
+    }
+    pid = -1;
+    return WIFEXITED(status) ? std::optional(WEXITSTATUS(status)) : std::nullopt;
 }
 
 std::string DaemonProcess::standardError() const {
-    std::ifstream in(errorFile);
+    std::ifstream in(directory.file("stderr.log"));
     std::stringstream text;
     text << in.rdbuf();
     return text.str();
@@ -84,23 +68,13 @@ std::string DaemonProcess::standardError() const {
 namespace {
 
 template <typename Address>
-bool tryConnect(int family, const Address& address) {
-    const int fd = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return false;
-    const bool ok =
-        ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    ::close(fd);
-    return ok;
-}
-
-template <typename Attempt>
-bool pollUntil(std::chrono::milliseconds timeout, Attempt attempt) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        if (attempt()) return true;
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+bool connects(int family, const Address& address, std::chrono::milliseconds timeout) {
+    return eventually([&] {
+        const int fd = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const bool ok = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+        ::close(fd);
+        return ok;
+    }, timeout);
 }
 
 }  // namespace
@@ -109,8 +83,7 @@ bool waitUntilTCPListening(const std::string& address, int port, std::chrono::mi
     sockaddr_in target{};
     target.sin_family = AF_INET;
     target.sin_port = htons(static_cast<uint16_t>(port));
-    if (::inet_pton(AF_INET, address.c_str(), &target.sin_addr) != 1) return false;
-    return pollUntil(timeout, [&] { return tryConnect(AF_INET, target); });
+    return ::inet_pton(AF_INET, address.c_str(), &target.sin_addr) == 1 && connects(AF_INET, target, timeout);
 }
 
 bool waitUntilUnixListening(const std::string& path, std::chrono::milliseconds timeout) {
@@ -118,5 +91,5 @@ bool waitUntilUnixListening(const std::string& path, std::chrono::milliseconds t
     target.sun_family = AF_UNIX;
     if (path.size() >= sizeof target.sun_path) return false;
     std::memcpy(target.sun_path, path.c_str(), path.size() + 1);
-    return pollUntil(timeout, [&] { return tryConnect(AF_UNIX, target); });
+    return connects(AF_UNIX, target, timeout);
 }

@@ -1,31 +1,20 @@
 #include "support/LoopbackClient.h"
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 
-LoopbackClient::LoopbackClient(int port) : LoopbackClient("127.0.0.1", port) {}
-
-LoopbackClient::LoopbackClient(const std::string& ipv4Address, int port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    if (::inet_pton(AF_INET, ipv4Address.c_str(), &address.sin_addr) != 1) return;
+LoopbackClient::LoopbackClient(int port, const std::string& address) {
+    sockaddr_in target{};
+    target.sin_family = AF_INET;
+    target.sin_port = htons(static_cast<uint16_t>(port));
+    if (::inet_pton(AF_INET, address.c_str(), &target.sin_addr) != 1) return;
     descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (descriptor < 0) return;
-    if (::connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        close();
-    }
-}
-
-LoopbackClient::~LoopbackClient() {
-    close();
+    if (::connect(descriptor, reinterpret_cast<const sockaddr*>(&target), sizeof target) != 0) close();
 }
 
 void LoopbackClient::close() {
@@ -43,63 +32,59 @@ bool LoopbackClient::send(std::string_view bytes) {
     return true;
 }
 
-LoopbackClient::Receive LoopbackClient::receiveSome(
-    std::chrono::steady_clock::time_point deadline) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
+bool LoopbackClient::receiveSome(std::chrono::steady_clock::time_point deadline, bool& ended) {
+    const auto left = std::chrono::ceil<Timeout>(deadline - std::chrono::steady_clock::now());
     pollfd entry{descriptor, POLLIN, 0};
-    if (::poll(&entry, 1, static_cast<int>(std::max<long long>(0, left.count()))) <= 0) {
-        return Receive::timedOut;
-    }
+    if (::poll(&entry, 1, static_cast<int>(std::max<long long>(0, left.count()))) <= 0) return false;
     char chunk[16384];
     const auto count = ::recv(descriptor, chunk, sizeof chunk, 0);
-    if (count <= 0) return Receive::ended;  // end of stream or reset
-    received.append(chunk, static_cast<size_t>(count));
-    return Receive::data;
+    ended = count <= 0;  // end of stream or reset
+    if (count > 0) received.append(chunk, static_cast<size_t>(count));
+    return count > 0;
 }
 
-std::optional<std::string> LoopbackClient::readResponse(std::chrono::milliseconds timeout) {
+std::optional<std::string> LoopbackClient::take(
+    const std::function<std::size_t(const std::string&)>& length, Timeout timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
+    bool ended = false;
     for (;;) {
-        const auto headEnd = received.find("\r\n\r\n");
-        if (headEnd != std::string::npos) {
-            const auto lengthAt = received.find("Content-Length: ");
-            size_t bodyLength = 0;
-            if (lengthAt != std::string::npos && lengthAt < headEnd) {
-                bodyLength = std::strtoul(received.c_str() + lengthAt + 16, nullptr, 10);
-            }
-            const auto total = headEnd + 4 + bodyLength;
-            if (received.size() >= total) {
-                std::string response = received.substr(0, total);
-                received.erase(0, total);
-                return response;
-            }
+        if (const auto count = length(received); count != std::string::npos) {
+            std::string taken = received.substr(0, count);
+            received.erase(0, count);
+            return taken;
         }
-        if (receiveSome(deadline) != Receive::data) return std::nullopt;
+        if (!receiveSome(deadline, ended)) return std::nullopt;
     }
 }
 
-bool LoopbackClient::closedWithin(std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        switch (receiveSome(deadline)) {
-            case Receive::ended:
-                return true;
-            case Receive::timedOut:
-                return false;
-            case Receive::data:
-                break;
-        }
-    }
+std::optional<std::string> LoopbackClient::readUntil(std::string_view terminator, Timeout timeout) {
+    return take([&](const std::string& bytes) {
+        const auto at = bytes.find(terminator);
+        return at == std::string::npos ? at : at + terminator.size();
+    }, timeout);
 }
 
-bool LoopbackClient::closedWithoutReply(std::chrono::milliseconds timeout) {
-    return closedWithin(timeout) && received.empty();
+std::optional<std::string> LoopbackClient::readResponse(Timeout timeout) {
+    return take([](const std::string& bytes) {
+        const auto headEnd = bytes.find("\r\n\r\n");
+        if (headEnd == std::string::npos) return headEnd;
+        const auto lengthAt = bytes.find("Content-Length: ");
+        const auto total = headEnd + 4 +
+            (lengthAt < headEnd ? std::strtoul(bytes.c_str() + lengthAt + 16, nullptr, 10) : 0);
+        return total <= bytes.size() ? total : std::string::npos;
+    }, timeout);
+}
+
+bool LoopbackClient::closedWithin(Timeout timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    bool ended = false;
+    while (receiveSome(deadline, ended)) {
+    }
+    return ended;
 }
 
 std::string xmlRpcPost(std::string_view body) {
-    return "POST /vpn HTTP/1.1\r\nHost: 127.0.0.1:986\r\nContent-Type: "
-           "text/xml\r\nContent-Length: " +
+    return "POST /vpn HTTP/1.1\r\nHost: 127.0.0.1:986\r\nContent-Length: " +
            std::to_string(body.size()) + "\r\n\r\n" + std::string(body);
 }
 
