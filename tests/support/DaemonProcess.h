@@ -18,7 +18,8 @@ public:
     DaemonProcess(const DaemonProcess&) = delete;
     DaemonProcess& operator=(const DaemonProcess&) = delete;
 
-    // Starts the binary at path (default: the daemon built with the tests). False on failure.
+    // Starts the binary at path (default: the daemon built with the tests), with no blocked
+    // signals whatever this process blocks. False on failure.
     bool start(const std::string& path = QB_DAEMON_PATH);
     bool signal(int signalNumber) const;
     // Exit status once the child has ended within timeout; nullopt when it is still running or
@@ -29,10 +30,6 @@ public:
 
 private:
     TempDir directory;
+    const std::string errorFile = directory.file("stderr.log");
     pid_t pid = -1;
 };
-
-// Polls until a TCP connection to address:port succeeds or timeout passes.
-bool waitUntilTCPListening(const std::string& address, int port, std::chrono::milliseconds timeout);
-// Polls until a Unix-domain socket at path accepts a connection or timeout passes.
-bool waitUntilUnixListening(const std::string& path, std::chrono::milliseconds timeout);

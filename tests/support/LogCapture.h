@@ -33,7 +33,9 @@ public:
     }
     // Number of lines equal to text on any channel / on the given channel.
     int count(const std::string& text) const { return countOn(text, std::nullopt); }
-    int count(const std::string& text, QBLog::Channel channel) const { return countOn(text, channel); }
+    int count(const std::string& text, QBLog::Channel channel) const {
+        return countOn(text, channel);
+    }
     bool contains(const std::string& text) const { return count(text) > 0; }
     void clear() {
         std::lock_guard guard(lock);
@@ -43,9 +45,10 @@ public:
 private:
     int countOn(const std::string& text, std::optional<QBLog::Channel> channel) const {
         std::lock_guard guard(lock);
-        return static_cast<int>(std::count_if(recorded.begin(), recorded.end(), [&](const Line& line) {
-            return line.text == text && (!channel || line.channel == *channel);
-        }));
+        return static_cast<int>(
+            std::count_if(recorded.begin(), recorded.end(), [&](const Line& line) {
+                return line.text == text && (!channel || line.channel == *channel);
+            }));
     }
 
     mutable std::mutex lock;  // guards recorded

@@ -1,20 +1,21 @@
 #include "support/LoopbackClient.h"
 
 #include <arpa/inet.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 
-LoopbackClient::LoopbackClient(int port, const std::string& address) {
+LoopbackClient::LoopbackClient(int port, const char* address) {
     sockaddr_in target{};
     target.sin_family = AF_INET;
     target.sin_port = htons(static_cast<uint16_t>(port));
-    if (::inet_pton(AF_INET, address.c_str(), &target.sin_addr) != 1) return;
     descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (::connect(descriptor, reinterpret_cast<const sockaddr*>(&target), sizeof target) != 0) close();
+    if (::inet_pton(AF_INET, address, &target.sin_addr) != 1 ||
+        ::connect(descriptor, reinterpret_cast<const sockaddr*>(&target), sizeof target) != 0) {
+        close();
+    }
 }
 
 void LoopbackClient::close() {
@@ -32,55 +33,41 @@ bool LoopbackClient::send(std::string_view bytes) {
     return true;
 }
 
-bool LoopbackClient::receiveSome(std::chrono::steady_clock::time_point deadline, bool& ended) {
-    const auto left = std::chrono::ceil<Timeout>(deadline - std::chrono::steady_clock::now());
-    pollfd entry{descriptor, POLLIN, 0};
-    if (::poll(&entry, 1, static_cast<int>(std::max<long long>(0, left.count()))) <= 0) return false;
+bool LoopbackClient::receive(Timeout timeout) {
+    const auto micros = std::max<long long>(1000, timeout.count() * 1000);  // 0 would mean never
+    const timeval limit{static_cast<time_t>(micros / 1000000),
+                        static_cast<suseconds_t>(micros % 1000000)};
+    ::setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     char chunk[16384];
     const auto count = ::recv(descriptor, chunk, sizeof chunk, 0);
-    ended = count <= 0;  // end of stream or reset
+    ended = count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR);  // closed or reset
     if (count > 0) received.append(chunk, static_cast<size_t>(count));
     return count > 0;
 }
 
-std::optional<std::string> LoopbackClient::take(
-    const std::function<std::size_t(const std::string&)>& length, Timeout timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    bool ended = false;
-    for (;;) {
-        if (const auto count = length(received); count != std::string::npos) {
-            std::string taken = received.substr(0, count);
-            received.erase(0, count);
-            return taken;
-        }
-        if (!receiveSome(deadline, ended)) return std::nullopt;
-    }
-}
-
-std::optional<std::string> LoopbackClient::readUntil(std::string_view terminator, Timeout timeout) {
-    return take([&](const std::string& bytes) {
-        const auto at = bytes.find(terminator);
-        return at == std::string::npos ? at : at + terminator.size();
-    }, timeout);
-}
-
 std::optional<std::string> LoopbackClient::readResponse(Timeout timeout) {
-    return take([](const std::string& bytes) {
-        const auto headEnd = bytes.find("\r\n\r\n");
-        if (headEnd == std::string::npos) return headEnd;
-        const auto lengthAt = bytes.find("Content-Length: ");
-        const auto total = headEnd + 4 +
-            (lengthAt < headEnd ? std::strtoul(bytes.c_str() + lengthAt + 16, nullptr, 10) : 0);
-        return total <= bytes.size() ? total : std::string::npos;
-    }, timeout);
+    for (;;) {
+        const auto headEnd = received.find("\r\n\r\n");
+        const auto lengthAt = received.find("Content-Length: ");
+        if (headEnd != std::string::npos) {
+            const auto total =
+                headEnd + 4 +
+                (lengthAt < headEnd ? std::strtoul(received.c_str() + lengthAt + 16, nullptr, 10)
+                                    : 0);
+            if (total <= received.size()) {
+                std::string response = received.substr(0, total);
+                received.erase(0, total);
+                return response;
+            }
+        }
+        if (!receive(timeout)) return std::nullopt;
+    }
 }
 
-bool LoopbackClient::closedWithin(Timeout timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    bool ended = false;
-    while (receiveSome(deadline, ended)) {
+bool LoopbackClient::closedWithoutReply(Timeout timeout) {
+    while (receive(timeout)) {
     }
-    return ended;
+    return ended && received.empty();
 }
 
 std::string xmlRpcPost(std::string_view body) {

@@ -12,8 +12,8 @@
 bool enterPrivateNamespaces(std::string& whyNot);
 
 // Skips the current test, visibly, when the private namespaces cannot be had.
-#define QB_REQUIRE_PRIVATE_NAMESPACES()                                               \
-    do {                                                                              \
-        std::string qbWhyNot;                                                         \
+#define QB_REQUIRE_PRIVATE_NAMESPACES()                                              \
+    do {                                                                             \
+        std::string qbWhyNot;                                                        \
         if (!enterPrivateNamespaces(qbWhyNot)) GTEST_SKIP() << "SKIP: " << qbWhyNot; \
     } while (0)
