@@ -13,21 +13,20 @@ namespace {
 
 using S = QBKelvoXMLRPCServer;
 
-// Contents found by the literal pattern "<tag>(.+?)</tag>" (ICU, "." matching line ends): the
-// reference the extraction must agree with, whatever way it searches.
-std::vector<std::string> lazyPatternContents(const std::string& tag, const std::string& text) {
-    UErrorCode status = U_ZERO_ERROR;
-    const auto source = icu::UnicodeString::fromUTF8("<" + tag + ">(.+?)</" + tag + ">");
-    std::unique_ptr<icu::RegexPattern> pattern(
-        icu::RegexPattern::compile(source, UREGEX_DOTALL, status));
-    const auto input = icu::UnicodeString::fromUTF8(text);
-    std::unique_ptr<icu::RegexMatcher> matcher(pattern->matcher(input, status));
-    std::vector<std::string> contents;
-    while (matcher->find(status)) matcher->group(1, status).toUTF8String(contents.emplace_back());
-    return contents;
-}
-
 TEST(XMLTagTest, FindsWhatTheLazyPatternFinds) {
+    // The reference: the literal pattern "<tag>(.+?)</tag>" in ICU, "." matching line ends.
+    const auto lazyPatternContents = [](const std::string& tag, const std::string& text) {
+        UErrorCode status = U_ZERO_ERROR;
+        const auto source = icu::UnicodeString::fromUTF8("<" + tag + ">(.+?)</" + tag + ">");
+        std::unique_ptr<icu::RegexPattern> pattern(
+            icu::RegexPattern::compile(source, UREGEX_DOTALL, status));
+        const auto input = icu::UnicodeString::fromUTF8(text);
+        std::unique_ptr<icu::RegexMatcher> matcher(pattern->matcher(input, status));
+        std::vector<std::string> contents;
+        while (matcher->find(status))
+            matcher->group(1, status).toUTF8String(contents.emplace_back());
+        return contents;
+    };
     // Random texts of pieces that stress the shortest-run rule: tags of the name and of a longer
     // name that starts like it, lone "<", line breaks and a character outside the BMP.
     std::mt19937 random(986);
@@ -48,12 +47,12 @@ TEST(XMLTagTest, FindsWhatTheLazyPatternFinds) {
     }
 }
 
-std::string str(std::string_view text) {
-    return "<param><value><string>" + std::string(text) + "</string></value></param>";
-}
 std::string num(std::string_view text, std::string_view type = "int") {
     return "<param><value><" + std::string(type) + ">" + std::string(text) + "</" +
            std::string(type) + "></value></param>";
+}
+std::string str(std::string_view text) {
+    return num(text, "string");
 }
 std::string call(std::string_view name, const std::string& params) {
     return methodCall(name, "<params>" + params + "</params>");
@@ -87,7 +86,6 @@ TEST(DispatchTest, ParametersAreDecodedAndFallBackWhenTooFew) {
         {call("connect", str("h") + num(" +12x") + num("99999999999")), "connect(h,12,2147483647)"},
         {call("connect", str("h") + num("-99999999999") + str("abc")), "connect(h,-2147483648,0)"},
         {methodCall("clientOS"), "clientOS()"},
-        {call("clientOS", ""), "clientOS()"},
     };
     for (const auto& [document, expected] : cases)
         EXPECT_EQ(callFor(document), expected) << document;

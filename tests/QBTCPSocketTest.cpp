@@ -18,9 +18,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-std::shared_ptr<QBIPAddress> loopback() {
-    return QBIPAddress::ipAddressWithAddress("127.0.0.1");
-}
+const auto loopback = QBIPAddress::ipAddressWithAddress("127.0.0.1");
 
 TEST(QBSocketTest, AbstractOperationsRaiseNamingTheClass) {
     EXPECT_THROW(QBSocket().isOpen(), QBInternalInconsistencyException);
@@ -34,7 +32,7 @@ TEST(QBTCPSocketConnectTest, GivesUpOnMissingHostsClosedPortsAndSilentListeners)
     EXPECT_FALSE(QBTCPSocket().connectToHost(std::nullopt, 80, 1));
     EXPECT_FALSE(QBTCPSocket().connectToHost("", 80, 1));
     QBTCPSocket listener;
-    ASSERT_TRUE(listener.listenOnAddress(loopback(), 0));
+    ASSERT_TRUE(listener.listenOnAddress(loopback, 0));
     const int port = listener.localPort();
     ::listen(listener.fileDescriptor(), 0);  // one queued connection; later handshakes stall
     EXPECT_TRUE(QBTCPSocket().connectToHost("127.0.0.1", port, 5));
@@ -51,7 +49,7 @@ TEST(QBTCPSocketConnectTest, GivesUpOnMissingHostsClosedPortsAndSilentListeners)
 class ConnectionTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_TRUE(listener.listenOnAddress(loopback(), 0));
+        ASSERT_TRUE(listener.listenOnAddress(loopback, 0));
         ASSERT_TRUE(socket.connectToHost("127.0.0.1", listener.localPort(), 5));
         ASSERT_GE(peer = ::accept(listener.fileDescriptor(), nullptr, nullptr), 0);
     }
@@ -157,7 +155,7 @@ class ServerTest : public ::testing::Test {
 protected:
     void serve(std::size_t maxThreads = 512) {
         server->setServerLimits({maxThreads, 256 * 1024, 2000ms});
-        loop = std::thread([this] { server->serveOnAddress(loopback(), 0, delegate, false); });
+        loop = std::thread([this] { server->serveOnAddress(loopback, 0, delegate, false); });
         ASSERT_TRUE(eventually([&] { return (port = server->localPort()) != 0; }));
     }
     void TearDown() override {
@@ -180,7 +178,7 @@ protected:
 TEST_F(ServerTest, ThreadLimitIsKeptAndShutdownEndsEveryConnection) {
     serve(2);
     QBTCPSocket second;  // a port in use: serving returns at once, without a log line
-    second.serveOnAddress(loopback(), port, delegate, false);
+    second.serveOnAddress(loopback, port, delegate, false);
     EXPECT_FALSE(second.isOpen() ||
                  second.listenOnAddress(QBIPAddress::ipAddressWithAddress("::1"), 0));
     std::unique_ptr<LoopbackClient> clients[3];  // the last takes the place of the oldest
@@ -205,7 +203,7 @@ TEST_F(ServerTest, ThreadLimitIsKeptAndShutdownEndsEveryConnection) {
     EXPECT_TRUE(waiting->closedWithoutReply() && newcomer->closedWithoutReply());
     EXPECT_FALSE(LoopbackClient(port).connected());
     // A socket that has been shut down listens and stops at once when served again.
-    server->serveOnAddress(loopback(), 0, delegate, false);
+    server->serveOnAddress(loopback, 0, delegate, false);
     EXPECT_TRUE(log.lines().empty());
     EXPECT_EQ(delegate->withHostOrPort, 0);  // accepted connections: no host, port 0
 }

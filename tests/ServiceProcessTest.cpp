@@ -82,23 +82,18 @@ TEST_P(ServiceStopSignalTest, ServesBothAddressesAndTheChannelThenStopsCleanly) 
 INSTANTIATE_TEST_SUITE_P(TermAndInt, ServiceStopSignalTest, ::testing::Values(SIGTERM, SIGINT),
                          ::testing::PrintToStringParamName());
 
-TEST(ServiceProcessTest, ServesOnTheAliasAloneWhenTheLoopbackPortIsTaken) {
+TEST(ServiceProcessTest, ServesTheAddressLeftFreeAndEndsAtOnceWhenNoneIs) {
     QB_REQUIRE_PRIVATE_NAMESPACES();
-    QBTCPSocket blocker;
-    ASSERT_TRUE(blockPort(blocker, loopbackAddress));
-    DaemonProcess daemon;
-    ASSERT_TRUE(daemon.start() && listening(aliasAddress));
+    QBTCPSocket loopbackBlocker, aliasBlocker;
+    ASSERT_TRUE(blockPort(loopbackBlocker, loopbackAddress));
+    DaemonProcess aliasOnly;
+    ASSERT_TRUE(aliasOnly.start() && listening(aliasAddress));
     EXPECT_TRUE(answersPreflight(aliasAddress));
-    ASSERT_TRUE(daemon.signal(SIGTERM));
-    EXPECT_EQ(daemon.waitForExit(deadline), 0);
-}
+    ASSERT_TRUE(aliasOnly.signal(SIGTERM));
+    EXPECT_EQ(aliasOnly.waitForExit(deadline), 0);
 
-TEST(ServiceProcessTest, EndsWithStatusZeroWhenNeitherAddressCanListen) {
-    QB_REQUIRE_PRIVATE_NAMESPACES();
-    QBTCPSocket aliasBlocker, loopbackBlocker;
-    ASSERT_TRUE(blockPort(aliasBlocker, aliasAddress) &&
-                blockPort(loopbackBlocker, loopbackAddress));
-    DaemonProcess daemon;
-    ASSERT_TRUE(daemon.start());
-    EXPECT_EQ(daemon.waitForExit(deadline), 0) << daemon.standardError();
+    ASSERT_TRUE(blockPort(aliasBlocker, aliasAddress));
+    DaemonProcess neither;
+    ASSERT_TRUE(neither.start());
+    EXPECT_EQ(neither.waitForExit(deadline), 0) << neither.standardError();
 }

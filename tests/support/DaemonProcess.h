@@ -13,10 +13,7 @@
 
 class DaemonProcess {
 public:
-    DaemonProcess() = default;
     ~DaemonProcess();
-    DaemonProcess(const DaemonProcess&) = delete;
-    DaemonProcess& operator=(const DaemonProcess&) = delete;
 
     // Starts the binary at path (default: the daemon built with the tests), with no blocked
     // signals whatever this process blocks. False on failure.

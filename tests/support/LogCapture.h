@@ -24,8 +24,6 @@ public:
         });
     }
     ~LogCapture() { QBLog::setSink({}); }
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
 
     std::vector<Line> lines() const {
         std::lock_guard guard(lock);

@@ -14,13 +14,13 @@ LoopbackClient::LoopbackClient(int port, const char* address) {
     descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (::inet_pton(AF_INET, address, &target.sin_addr) != 1 ||
         ::connect(descriptor, reinterpret_cast<const sockaddr*>(&target), sizeof target) != 0) {
-        close();
+        ::close(descriptor);
+        descriptor = -1;
     }
 }
 
-void LoopbackClient::close() {
+LoopbackClient::~LoopbackClient() {
     if (descriptor >= 0) ::close(descriptor);
-    descriptor = -1;
 }
 
 bool LoopbackClient::send(std::string_view bytes) {
@@ -34,9 +34,8 @@ bool LoopbackClient::send(std::string_view bytes) {
 }
 
 bool LoopbackClient::receive(Timeout timeout) {
-    const auto micros = std::max<long long>(1000, timeout.count() * 1000);  // 0 would mean never
-    const timeval limit{static_cast<time_t>(micros / 1000000),
-                        static_cast<suseconds_t>(micros % 1000000)};
+    const auto milliseconds = std::max<Timeout::rep>(1, timeout.count());  // 0 means no limit
+    const timeval limit{milliseconds / 1000, milliseconds % 1000 * 1000};
     ::setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     char chunk[16384];
     const auto count = ::recv(descriptor, chunk, sizeof chunk, 0);
@@ -49,16 +48,13 @@ std::optional<std::string> LoopbackClient::readResponse(Timeout timeout) {
     for (;;) {
         const auto headEnd = received.find("\r\n\r\n");
         const auto lengthAt = received.find("Content-Length: ");
-        if (headEnd != std::string::npos) {
-            const auto total =
-                headEnd + 4 +
-                (lengthAt < headEnd ? std::strtoul(received.c_str() + lengthAt + 16, nullptr, 10)
-                                    : 0);
-            if (total <= received.size()) {
-                std::string response = received.substr(0, total);
-                received.erase(0, total);
-                return response;
-            }
+        const auto total =
+            headEnd + 4 +
+            (lengthAt < headEnd ? std::strtoul(&received[lengthAt + 16], nullptr, 10) : 0);
+        if (headEnd != std::string::npos && total <= received.size()) {
+            std::string response = received.substr(0, total);
+            received.erase(0, total);
+            return response;
         }
         if (!receive(timeout)) return std::nullopt;
     }

@@ -14,7 +14,7 @@ public:
 
     // Connects (blocking) to address:port; connected() tells whether that worked.
     explicit LoopbackClient(int port, const char* address = "127.0.0.1");
-    ~LoopbackClient() { close(); }
+    ~LoopbackClient();
     LoopbackClient(const LoopbackClient&) = delete;
     LoopbackClient& operator=(const LoopbackClient&) = delete;
 
@@ -26,7 +26,6 @@ public:
     std::optional<std::string> readResponse(Timeout timeout = std::chrono::seconds(5));
     // True when the peer ends the connection within timeout, leaving no byte unread.
     bool closedWithoutReply(Timeout timeout = std::chrono::seconds(5));
-    void close();
 
 private:
     // One receive that waits at most timeout; false when nothing came (ended: the peer closed).
