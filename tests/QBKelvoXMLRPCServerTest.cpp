@@ -88,17 +88,23 @@ protected:
 };
 
 TEST_F(BridgeServerTest, RequestsWrittenBackToBackAreAnsweredInOrderByteForByte) {
+    // Then far more preflights than the socket buffers hold answers for: replies go out in parts.
+    std::string requests =
+        preflight + statePost + preflight + xmlRpcPost(methodCall("connectionTime"));
+    for (int i = 0; i < 20000; ++i) requests += preflight;
     for (const bool atOnce : {false, true}) {  // commands on a pool thread, or on the loop thread
         commands->atOnce = atOnce;
         LoopbackClient client(running.port());
-        ASSERT_TRUE(client.send(preflight + statePost + preflight +
-                                xmlRpcPost(methodCall("connectionTime"))));
+        std::thread sender([&] { client.send(requests); });
+        std::this_thread::sleep_for(100ms);
         for (const auto* expected : {&preflightReply, &stringReply, &preflightReply, &intReply}) {
             EXPECT_TRUE(answered(client, *expected)) << atOnce << *expected;
         }
+        int preflights = 0;
+        while (preflights < 20000 && answered(client, preflightReply)) ++preflights;
+        EXPECT_EQ(preflights, 20000);
+        sender.join();
     }
-    EXPECT_EQ(commands->calls(), (std::vector<std::string>{"state()", "connectionTime()", "state()",
-                                                           "connectionTime()"}));
     EXPECT_EQ(log.count("Client connected"), 2);
 }
 
@@ -129,7 +135,10 @@ TEST_F(BridgeServerTest, RefusedRequestsCloseWithoutAnyReply) {
     for (const auto& request : cases) {
         LoopbackClient client(running.port());
         ASSERT_TRUE(client.connected());
-        client.send(request);  // may fail part-way when the server stops reading at its limit
+        const auto split = std::min<std::size_t>(request.size(), 60000);  // large ones in two
+        client.send(request.substr(0, split));
+        if (split < request.size()) std::this_thread::sleep_for(100ms);
+        client.send(request.substr(split));  // may fail part-way when the server stops reading
         EXPECT_TRUE(client.closedWithoutReply()) << request.substr(0, 100);
     }
     EXPECT_TRUE(commands->calls().empty());
@@ -243,16 +252,18 @@ TEST(BridgeServerTimeoutTest, StalledConnectionsAreClosedUnanswered) {
     LogCapture log;
     RunningBridgeServer running(
         std::make_shared<FakeBridgeCommands>(),
-        {.idleTimeout = 300ms, .headerBlockTimeout = 400ms, .bodyTimeout = 300ms});
-    const std::string stalls[] = {"", "OPTIONS /vpn HTTP/1.1\n\n",
-                                  statePost.substr(0, statePost.size() - 1)};
+        {.idleTimeout = 300ms, .headerBlockTimeout = 1500ms, .bodyTimeout = 300ms});
+    const std::string stalls[] = {"", preflight, statePost.substr(0, statePost.size() - 1),
+                                  "OPTIONS /vpn HTTP/1.1\n\n"};
     std::vector<std::unique_ptr<LoopbackClient>> stalled;
     for (const auto& bytes : stalls) {
         stalled.push_back(std::make_unique<LoopbackClient>(running.port()));
         ASSERT_TRUE(stalled.back()->send(bytes));
     }
-    LoopbackClient answeredOnce(running.port());
-    ASSERT_TRUE(answeredOnce.send(preflight) && answeredOnce.readResponse());
+    // Silent before or after a request, or short of a body: closed well before the header limit.
+    ASSERT_TRUE(stalled[1]->readResponse());
+    for (int i = 0; i < 3; ++i) EXPECT_TRUE(stalled[i]->closedWithoutReply(1s)) << i;
+    EXPECT_TRUE(stalled[3]->closedWithoutReply(3s));  // bare line feeds end no header block
     LoopbackClient trickling(running.port());
     ASSERT_TRUE(trickling.send("POST /vpn HTTP/1.1\r\n"));
     bool cutOff = false;
@@ -261,8 +272,6 @@ TEST(BridgeServerTimeoutTest, StalledConnectionsAreClosedUnanswered) {
         cutOff = trickling.closedWithoutReply(100ms);
     }
     EXPECT_TRUE(cutOff);
-    for (const auto& client : stalled) EXPECT_TRUE(client->closedWithoutReply(3s));
-    EXPECT_TRUE(answeredOnce.closedWithoutReply(3s));
 }
 
 }  // namespace

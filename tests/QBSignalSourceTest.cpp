@@ -20,8 +20,7 @@ TEST(QBSignalSourceTest, IgnoredAndBlockedSignalsRunTheHandlerOnAnotherThread) {
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
         finished = true;
     });
-    std::signal(SIGUSR1, SIG_IGN);
-    std::signal(SIGUSR2, SIG_IGN);
+    for (int signalNumber : {SIGUSR1, SIGUSR2}) std::signal(signalNumber, SIG_IGN);
     ASSERT_EQ(::kill(::getpid(), SIGUSR1), 0);
     ASSERT_TRUE(eventually([&] { return calls == 1; }));
     ASSERT_EQ(::kill(::getpid(), SIGUSR2), 0);

@@ -39,7 +39,8 @@ TEST(QBTCPSocketConnectTest, GivesUpOnMissingHostsClosedPortsAndSilentListeners)
     QBTCPSocket stalled;
     const auto started = std::chrono::steady_clock::now();
     EXPECT_FALSE(stalled.connectToHost("127.0.0.1", port, 1));
-    EXPECT_GE(std::chrono::steady_clock::now() - started, 900ms);
+    const auto waited = std::chrono::steady_clock::now() - started;
+    EXPECT_TRUE(waited >= 900ms && waited < 4s) << waited / 1ms;
     EXPECT_FALSE(stalled.isOpen());
     listener.close();
     EXPECT_FALSE(QBTCPSocket().connectToHost("127.0.0.1", port, 2));
@@ -68,9 +69,10 @@ protected:
     int peer = -1;
 };
 
-TEST_F(ConnectionTest, TerminatedReadsLeaveWhatFollowsForTheNextRead) {
-    EXPECT_EQ(socket.remoteHost(), "127.0.0.1");
-    EXPECT_EQ(socket.remotePort(), listener.localPort());
+TEST_F(ConnectionTest, ReadsTakeWhatHasArrivedAndLeaveWhatFollowsForTheNextRead) {
+    EXPECT_TRUE(socket.remoteHost() == "127.0.0.1" && socket.remotePort() == listener.localPort());
+    auto buffer = QBBuffer::initWithSize(16);
+    EXPECT_EQ(socket.readData(10, *buffer), 0);             // nothing has arrived
     peerSends("GET / HTTP/1.1\r\nA: b\r\n\r\nC: d\r\n\r");  // the second terminator comes in two
     EXPECT_EQ(socket.readStringTerminatedBy("\r\n\r\n", -1), "GET / HTTP/1.1\r\nA: b\r\n\r\n");
     std::thread later([&] {
@@ -80,26 +82,13 @@ TEST_F(ConnectionTest, TerminatedReadsLeaveWhatFollowsForTheNextRead) {
     EXPECT_EQ(socket.readStringTerminatedBy("\r\n\r\n", 5), "C: d\r\n\r\n");
     later.join();
     EXPECT_EQ(socket.readLineWithTimeout(5), "line one\n");
-    auto buffer = QBBuffer::initWithSize(16);
-    EXPECT_EQ(socket.readData(16, *buffer, 300ms), 4);  // what has arrived when the wait ends
+    EXPECT_EQ(socket.readData(1, *buffer), 1);
+    EXPECT_EQ(socket.readData(16, *buffer, 300ms), 3);  // what has arrived when the wait ends
     EXPECT_EQ(buffer->readString(), "BODY");
     // The peer closing in the middle of a message gives nothing and closes the socket.
     peerSends("partial\r\n");
     peerCloses();
     EXPECT_EQ(socket.readDataTerminatedByString("\r\n\r\n", -1), nullptr);
-    EXPECT_FALSE(socket.isOpen());
-}
-
-TEST_F(ConnectionTest, NonWaitingReadsTakeOnlyWhatHasArrived) {
-    auto buffer = QBBuffer::initWithSize(64);
-    EXPECT_EQ(socket.readData(10, *buffer), 0);
-    EXPECT_TRUE(socket.isOpen());
-    peerSends("abcdefgh");
-    EXPECT_EQ(socket.readData(3, *buffer, 5s), 3);  // the rest stays for later reads
-    EXPECT_EQ(socket.readData(5, *buffer, 5s), 5);
-    EXPECT_EQ(buffer->readString(), "abcdefgh");
-    peerCloses();
-    EXPECT_EQ(socket.readData(10, *buffer, 5s), -1);
     EXPECT_FALSE(socket.isOpen());
 }
 
@@ -115,6 +104,12 @@ TEST_F(ConnectionTest, SilenceLimitBoundsTheGapsNotTheWholeRead) {
     peerSends("silent after this");
     EXPECT_EQ(socket.readLineWithTimeout(1), std::nullopt);
     EXPECT_TRUE(socket.isOpen());
+    auto buffer = QBBuffer::initWithSize(64);
+    peerSends("abc");
+    EXPECT_EQ(socket.readData(2, *buffer, 5s), 2);  // the rest stays for the next read,
+    peerCloses();                                   // which then finds the end of the stream
+    EXPECT_EQ(socket.readData(10, *buffer, 5s), -1);
+    EXPECT_FALSE(socket.isOpen());
 }
 
 TEST_F(ConnectionTest, SendsWaitForRoomUntilEverythingIsWritten) {

@@ -3,16 +3,13 @@
 
 #include <gtest/gtest.h>
 
-#include <future>
-
 #include "QBWorkerPool.h"
 #include "support/Eventually.h"
 
 using namespace std::chrono_literals;
 
 TEST(QBWorkerPoolTest, JobsBeyondTheLimitQueueAndIdleThreadsEnd) {
-    std::promise<void> opener;
-    const std::shared_future<void> open = opener.get_future().share();
+    std::atomic<bool> open{false};
     std::atomic<int> inside{0}, finished{0};
     {
         QBWorkerPool pool({.maxThreads = 3, .idleExit = 100ms});
@@ -20,14 +17,14 @@ TEST(QBWorkerPoolTest, JobsBeyondTheLimitQueueAndIdleThreadsEnd) {
         for (int i = 0; i < 10; ++i) {
             ASSERT_TRUE(pool.submit([&] {
                 ++inside;
-                open.wait();
+                while (!open) std::this_thread::sleep_for(1ms);
                 --inside;
                 ++finished;
             }));
         }
         EXPECT_TRUE(eventually([&] { return inside == 3; }));
         EXPECT_EQ(pool.runningThreads(), 3u);
-        opener.set_value();
+        open = true;
         EXPECT_TRUE(eventually([&] { return finished == 10 && pool.runningThreads() == 0; }));
         ASSERT_TRUE(pool.submit([&] { ++finished; }));  // a new thread for a new job
     }                                                   // the destructor waits for it

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <sstream>
 
 #include "support/Eventually.h"
 
@@ -46,7 +45,6 @@ std::optional<int> DaemonProcess::waitForExit(std::chrono::milliseconds timeout)
 }
 
 std::string DaemonProcess::standardError() const {
-    std::stringstream text;
-    text << std::ifstream(errorFile).rdbuf();
-    return text.str();
+    std::ifstream in(errorFile);
+    return {std::istreambuf_iterator<char>(in), {}};
 }
