@@ -120,6 +120,7 @@ TEST_F(BridgeServerTest, RefusedRequestsCloseWithoutAnyReply) {
         replaced(statePost, "/vpn", "/vpn/"),
         replaced(statePost, "Content-Length", "content-length"),
         replaced(statePost, "Host: ", "Host: \xff"),  // header block not UTF-8
+        "POST /vpn HTTP/1.1\r\nContent-Length: 0\r\n\r\n" + call,
         xmlRpcPost(paddedCall(S::maxBodyLength + 1)),
         xmlRpcPost("\xEF\xBB\xBF" + call),  // byte-order mark
         xmlRpcPost(replaced(call, "\"1.0\"", "'1.0'")),
@@ -135,7 +136,7 @@ TEST_F(BridgeServerTest, RefusedRequestsCloseWithoutAnyReply) {
     for (const auto& request : cases) {
         LoopbackClient client(running.port());
         ASSERT_TRUE(client.connected());
-        const auto split = std::min<std::size_t>(request.size(), 60000);  // large ones in two
+        const auto split = std::min<std::size_t>(request.size(), 60000);  // large: in two parts
         client.send(request.substr(0, split));
         if (split < request.size()) std::this_thread::sleep_for(100ms);
         client.send(request.substr(split));  // may fail part-way when the server stops reading

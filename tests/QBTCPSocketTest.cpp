@@ -118,8 +118,9 @@ TEST_F(ConnectionTest, SendsWaitForRoomUntilEverythingIsWritten) {
     size_t received = 0;
     std::thread reader([&] {
         char chunk[65536];
-        for (ssize_t count = 1; received < large.size() && count > 0; received += size_t(count)) {
-            count = std::max<ssize_t>(0, ::recv(peer, chunk, sizeof chunk, 0));
+        ssize_t count = 0;
+        while (received < large.size() && (count = ::recv(peer, chunk, sizeof chunk, 0)) > 0) {
+            received += static_cast<size_t>(count);
         }
     });
     EXPECT_TRUE(socket.sendString(large));
