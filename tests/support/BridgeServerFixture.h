@@ -1,79 +1,99 @@
 #pragma once
 // Test doubles around the bridge server:
-//  - FakeBridgeCommands records every command call as "name(arg,arg,...)" and answers with
-//    fixed results; calls may come from several threads at once.
+//  - FakeBridgeCommands records every command call as "name(arg,arg,...)" and answers "abc"
+//    (string results) or 1 (numbers); calls may come from several threads at once.
 //  - RunningBridgeServer serves a QBKelvoXMLRPCServer on 127.0.0.1 and an OS-chosen port on a
 //    thread of its own, waits until it listens, and shuts it down and joins on destruction.
 
 #include <atomic>
-#include <cstdint>
-#include <memory>
 #include <mutex>
-#include <string>
+#include <sstream>
 #include <thread>
 #include <vector>
 
-#include "QBKelvoBridgeCommands.h"
 #include "QBKelvoXMLRPCServer.h"
+#include "support/Eventually.h"
 
 class FakeBridgeCommands : public QBKelvoBridgeCommands {
 public:
-    FakeBridgeCommands(std::string stringResult = "abc", std::int64_t numberResult = 1)
-        : stringResult(std::move(stringResult)), numberResult(numberResult) {}
+    using Text = const std::string&;
+    using Number = std::int64_t;
 
-    // Whether the server may run the commands on its loop thread (like clientOS) instead of a
-    // pool thread (like a command that waits for the GUI application).
-    void setAnswersAtOnce(bool atOnce) { answersAtOnce_ = atOnce; }
-    bool answersAtOnce(std::string_view) const override { return answersAtOnce_; }
+    // Whether the server may run the commands on its loop thread instead of a pool thread.
+    std::atomic<bool> atOnce{false};
+    bool answersAtOnce(std::string_view) const override { return atOnce; }
+    std::vector<std::string> calls() const {
+        std::lock_guard guard(lock);
+        return recorded;
+    }
+    // While set, state() waits, like a command whose GUI application is slow to answer;
+    // waiting counts the calls that waited.
+    std::atomic<bool> holdState{false};
+    std::atomic<int> waiting{0};
 
-    std::vector<std::string> calls() const;
-    std::string lastCall() const;
-
-    std::string clientOS() override { return text("clientOS()"); }
-    std::string clientVersion() override { return text("clientVersion()"); }
-    std::int64_t authorizeServer(const std::string& server, std::int64_t port,
-                                 std::int64_t webPort) override;
-    std::string connect(const std::string& server, std::int64_t port,
-                        std::int64_t webPort) override;
-    std::string connect(const std::string& server, std::int64_t port, std::int64_t webPort,
-                        const std::string& secToken) override;
-    std::string disconnectWithSecToken(const std::string& secToken) override;
-    std::string suspendWithSecToken(const std::string& secToken) override;
-    std::string resume() override { return text("resume()"); }
-    std::string state() override { return text("state()"); }
-    std::int64_t connectionTime() override { return number("connectionTime()"); }
-    std::string connectionTimeDisplayable() override { return text("connectionTimeDisplayable()"); }
-    std::string trafficRates() override { return text("trafficRates()"); }
-    std::string trafficTotals() override { return text("trafficTotals()"); }
+    std::string clientOS() override { return record("clientOS"); }
+    std::string clientVersion() override { return record("clientVersion"); }
+    Number authorizeServer(Text s, Number p, Number w) override {
+        return record("authorize", s, p, w);
+    }
+    std::string connect(Text s, Number p, Number w) override { return record("connect", s, p, w); }
+    std::string connect(Text s, Number p, Number w, Text token) override {
+        return record("connectWithToken", s, p, w, token);
+    }
+    std::string disconnectWithSecToken(Text token) override { return record("disconnect", token); }
+    std::string suspendWithSecToken(Text token) override { return record("suspend", token); }
+    std::string resume() override { return record("resume"); }
+    std::string state() override {
+        if (holdState) ++waiting;
+        while (holdState) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        return record("state");
+    }
+    Number connectionTime() override { return record("connectionTime"); }
+    std::string connectionTimeDisplayable() override { return record("connectionTimeDisplayable"); }
+    std::string trafficRates() override { return record("trafficRates"); }
+    std::string trafficTotals() override { return record("trafficTotals"); }
 
 private:
-    std::string text(std::string call);
-    std::int64_t number(std::string call);
+    struct Answer {
+        operator std::string() const { return "abc"; }
+        operator Number() const { return 1; }
+    };
+    template <typename... Args>
+    Answer record(const char* name, const Args&... args) {
+        std::ostringstream call;
+        [[maybe_unused]] const char* separator = "";
+        call << name << '(';
+        ((call << separator << args, separator = ","), ...);
+        std::lock_guard guard(lock);
+        recorded.push_back(call.str() + ")");
+        return {};
+    }
 
-    const std::string stringResult;
-    const std::int64_t numberResult;
-    std::atomic<bool> answersAtOnce_{false};
     mutable std::mutex lock;  // guards recorded; leaf lock
     std::vector<std::string> recorded;
 };
 
 class RunningBridgeServer {
 public:
-    // Default settings but a one-second body time-out, so refused short bodies end quickly.
-    static QBKelvoXMLRPCServer::Settings testSettings();
-
-    explicit RunningBridgeServer(std::shared_ptr<QBKelvoBridgeCommands> commands,
-                                 const QBKelvoXMLRPCServer::Settings& settings = testSettings());
-    ~RunningBridgeServer();
-    RunningBridgeServer(const RunningBridgeServer&) = delete;
-    RunningBridgeServer& operator=(const RunningBridgeServer&) = delete;
+    // Settings with a one-second body time-out, so refused short bodies end quickly.
+    explicit RunningBridgeServer(
+        std::shared_ptr<QBKelvoBridgeCommands> commands,
+        const QBKelvoXMLRPCServer::Settings& settings = {.bodyTimeout = std::chrono::seconds(1)})
+        : server(QBKelvoXMLRPCServer::serverWithAddress(
+              QBIPAddress::ipAddressWithAddress("127.0.0.1"), 0, nullptr, commands, settings)),
+          loop([this] { server->serve(); }) {
+        eventually([this] { return (port_ = server->serverSocket()->localPort()) != 0; });
+    }
+    ~RunningBridgeServer() {
+        server->shutdown();
+        loop.join();
+    }
 
     // The listening port, or 0 when the server did not listen within 5 s.
     int port() const { return port_; }
-    QBKelvoXMLRPCServer& server() { return *server_; }
+    const std::shared_ptr<QBKelvoXMLRPCServer> server;
 
 private:
-    std::shared_ptr<QBKelvoXMLRPCServer> server_;
     std::thread loop;
     int port_ = 0;
 };

@@ -1,7 +1,7 @@
 #pragma once
-// LoopbackClient: a plain TCP client for tests of servers on 127.0.0.1. It sends raw bytes and
-// reads HTTP responses (header block plus Content-Length body) or the end of the connection,
-// each with a deadline, so that a test never hangs on a server that misbehaves.
+// LoopbackClient: a plain TCP client for tests of servers on loopback. It sends raw bytes and
+// reads whole HTTP responses or the end of the connection, every wait bounded by a time-out, so
+// that a test never hangs on a server that misbehaves.
 
 #include <chrono>
 #include <optional>
@@ -10,39 +10,33 @@
 
 class LoopbackClient {
 public:
-    // Connects (blocking) to 127.0.0.1:port; connected() tells whether that worked.
-    explicit LoopbackClient(int port);
-    // Connects (blocking) to ipv4Address:port.
-    LoopbackClient(const std::string& ipv4Address, int port);
+    using Timeout = std::chrono::milliseconds;
+
+    // Connects (blocking) to address:port; connected() tells whether that worked.
+    explicit LoopbackClient(int port, const char* address = "127.0.0.1");
     ~LoopbackClient();
     LoopbackClient(const LoopbackClient&) = delete;
     LoopbackClient& operator=(const LoopbackClient&) = delete;
 
     bool connected() const { return descriptor >= 0; }
-    int fileDescriptor() const { return descriptor; }
     // Sends all bytes; false when the connection failed (no SIGPIPE).
     bool send(std::string_view bytes);
-    // The next complete HTTP response; nullopt when the connection ends or timeout passes first.
-    std::optional<std::string> readResponse(
-        std::chrono::milliseconds timeout = std::chrono::seconds(5));
-    // True when the server ends the connection within timeout without sending a single byte.
-    bool closedWithoutReply(std::chrono::milliseconds timeout = std::chrono::seconds(5));
-    // True when the server ends the connection within timeout (whatever it sent before).
-    bool closedWithin(std::chrono::milliseconds timeout);
-    // Bytes received and not yet returned by readResponse().
-    const std::string& unread() const { return received; }
-    void discardUnread() { received.clear(); }
-    void close();
+    // The next HTTP response (header block and Content-Length body); nullopt when the peer
+    // closes first or sends nothing for timeout.
+    std::optional<std::string> readResponse(Timeout timeout = std::chrono::seconds(5));
+    // True when the peer ends the connection within timeout, leaving no byte unread.
+    bool closedWithoutReply(Timeout timeout = std::chrono::seconds(5));
 
 private:
-    enum class Receive { data, ended, timedOut };
-    Receive receiveSome(std::chrono::steady_clock::time_point deadline);
+    // One receive that waits at most timeout; false when nothing came (ended: the peer closed).
+    bool receive(Timeout timeout);
 
     int descriptor = -1;
+    bool ended = false;
     std::string received;
 };
 
 // A request of the bridge's dialect: "POST /vpn HTTP/1.1", a Host and a Content-Length header.
 std::string xmlRpcPost(std::string_view body);
-// A method call document with the given name and <param> elements (raw XML, joined as given).
+// A method call document with the given name and raw <params> block.
 std::string methodCall(std::string_view name, std::string_view params = "");

@@ -1,19 +1,16 @@
 #pragma once
-// Moves the calling test process into fresh network and mount namespaces, so that the real
-// daemon can run on its real port 986 and socket path without touching the machine:
-// loopback is brought up and a tmpfs is mounted on /var/run. Child processes inherit both.
-//
-// Call it first thing in a test, before the test starts threads. Needs root; where namespaces
-// are not available it returns false with the reason, and the test should GTEST_SKIP().
-// Each ctest case runs in its own process, so the namespaces end with the test.
+// Moves the calling test process (and its later children) into fresh network and mount
+// namespaces with loopback up and a tmpfs on /var/run, so that the real daemon can use its real
+// port and socket path. Needs root, and must come before the test starts threads; false with the
+// reason otherwise. Each ctest case is a process of its own, so the namespaces end with it.
 
 #include <string>
 
 bool enterPrivateNamespaces(std::string& whyNot);
 
 // Skips the current test, visibly, when the private namespaces cannot be had.
-#define QB_REQUIRE_PRIVATE_NAMESPACES()                                                   \
-    do {                                                                                  \
-        std::string qbWhyNot;                                                             \
-        if (!enterPrivateNamespaces(qbWhyNot)) GTEST_SKIP() << "SKIP: " << qbWhyNot;     \
+#define QB_REQUIRE_PRIVATE_NAMESPACES()                                              \
+    do {                                                                             \
+        std::string qbWhyNot;                                                        \
+        if (!enterPrivateNamespaces(qbWhyNot)) GTEST_SKIP() << "SKIP: " << qbWhyNot; \
     } while (0)

@@ -1,0 +1,16 @@
+#pragma once
+// eventually(): polls a condition every few milliseconds until it holds or timeout passes, so a
+// test waits for something another thread does without a fixed sleep and without hanging.
+
+#include <chrono>
+#include <thread>
+
+template <typename Condition>
+bool eventually(Condition condition, std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
