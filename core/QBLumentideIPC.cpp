@@ -141,6 +141,12 @@ public:
 
     std::ptrdiff_t receive(std::uint8_t* out, std::size_t length) {
         if (start == end) {
+            // Waiting in poll rather than in recv: a thread blocked in recv is also woken each
+            // time the peer takes bytes that this side wrote (the socket's wait queue is shared
+            // by both directions), and every needless wake-up costs a context switch.
+            pollfd readable{socket, POLLIN, 0};
+            while (::poll(&readable, 1, -1) < 0 && errno == EINTR) {
+            }
             const std::ptrdiff_t got = receiveSome(socket, bytes.data(), bytes.size());
             if (got <= 0) return got;
             start = 0;
