@@ -213,8 +213,16 @@ public:
     bool isShutdown() const { return shutdownRequested.load(); }
 
 private:
+    struct Connection;
     struct WaitingEntry;
+    struct OutgoingFrame;
     class ThreadTracker;
+
+    // Commands that waiting senders read while the delegate is busy wait for it in a queue of
+    // at most about this many (one receive call may add a few more); then reading pauses until
+    // the reader thread catches up, which bounds what a peer that floods commands can make an
+    // endpoint hold.
+    static constexpr std::size_t maximumQueuedCommands = 64;
 
     bool startTrackedThread(std::function<void(QBLumentideIPC&)> job);
     bool obtainListeningSocket();
@@ -225,18 +233,28 @@ private:
     void releaseListeningSocket();
     void closeWakePipe();
 
-    bool isOpenConnection(int socket) const;
-    std::vector<std::uint8_t> frameForMessage(const std::string& command, const nlohmann::json& content,
-                                              const std::optional<std::string>& replyId);
+    std::optional<nlohmann::json> transmit(const std::string& command, const nlohmann::json& content,
+                                           const std::string* replyId, bool getReply, int toSocket);
+    std::shared_ptr<Connection> openConnection(int socket) const;
+    static bool sendBytes(int socket, const std::string& bytes);
+    void enlistWaiter(WaitingEntry& entry);
+    void dismissWaiter(WaitingEntry& entry);
     std::optional<nlohmann::json> awaitReply(const std::string& messageId, WaitingEntry& entry);
+    bool mayLead(const Connection& connection) const;
+    void lead(WaitingEntry& entry, std::unique_lock<std::mutex>& guard);
+    static void handOff(Connection& connection);
+    static void markEnded(Connection& connection);
     void forgetWaitingEntry(const std::string& messageId);
+    void abandonWaiters();
 
-    bool enterReaderLoop(int socket);
-    void handleEnvelope(nlohmann::json& envelope, int socket);
-    void answerCommand(const nlohmann::json& envelope, int socket);
-    void matchReply(nlohmann::json& envelope);
-    void endConnection(int socket);
-    void wakeWaiters(const std::function<bool(const WaitingEntry&)>& concerned);
+    std::shared_ptr<Connection> connectionForReader(int socket);
+    bool enterReaderLoop(const std::shared_ptr<Connection>& connection);
+    void runReader(Connection& connection);
+    bool receiveFrames(Connection& connection);
+    void handleEnvelope(nlohmann::json& envelope, Connection& connection);
+    void handleCommand(const nlohmann::json& envelope, int socket);
+    void matchReply(nlohmann::json& envelope, const Connection& readingOn);
+    void endConnection(Connection& connection);
 
     const std::string _path;
     const bool useLaunchdSocket;
@@ -247,13 +265,16 @@ private:
     std::atomic<bool> shutdownRequested{false};
     std::atomic<bool> serverLoopStarted{false};
 
-    // Serialises whole sends and the close of client descriptors; guards lastMessageId_.
+    // Serialises whole sends and the close of client descriptors; guards lastMessageId_,
+    // outgoing and clientConnection.
     mutable std::mutex endpointLock;
     std::int32_t lastMessageId_ = 0;
+    std::unique_ptr<OutgoingFrame> outgoing;
+    std::shared_ptr<Connection> clientConnection;  // client mode: the connection of _socket
 
-    // Guards activeSockets (server mode: the connected clients, in the order they connected).
+    // Guards activeConnections (server mode: the connected clients, in the order they connected).
     mutable std::mutex clientsLock;
-    std::vector<int> activeSockets;
+    std::vector<std::shared_ptr<Connection>> activeConnections;
 
     // Client mode: held to shut down _socket while it is open and by the reader when it gives
     // _socket up, so that shutdown() never touches a descriptor that was closed.
