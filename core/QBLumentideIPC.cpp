@@ -864,7 +864,6 @@ void QBLumentideIPC::handOff(Connection& connection) {
             return;
         }
     }
-    connection.readerWake.notify_one();
 }
 
 void QBLumentideIPC::markEnded(Connection& connection) {
@@ -931,7 +930,10 @@ void QBLumentideIPC::runReader(Connection& connection) {
             continue;
         }
         if (connection.tokenHeld || !connection.waiters.empty()) {
-            connection.readerWake.wait(guard);  // senders read for themselves meanwhile
+            // Senders read for themselves meanwhile. The last one to leave does not wake this
+            // thread: under a stream of requests that would cost a wake-up (and a kick) per
+            // round trip. The thread looks again after readerResumeDelay instead.
+            connection.readerWake.wait_for(guard, readerResumeDelay);
             continue;
         }
         connection.readerWatching = true;

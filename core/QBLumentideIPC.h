@@ -223,6 +223,11 @@ private:
     // the reader thread catches up, which bounds what a peer that floods commands can make an
     // endpoint hold.
     static constexpr std::size_t maximumQueuedCommands = 64;
+    // How long the reader thread of a connection stays off it after the last waiting sender
+    // has left, at most. Under a stream of requests it so stays away instead of being woken
+    // and pushed aside again each round trip; a command that the peer sends right after an
+    // answer waits this long at worst.
+    static constexpr std::chrono::milliseconds readerResumeDelay{2};
 
     bool startTrackedThread(std::function<void(QBLumentideIPC&)> job);
     bool obtainListeningSocket();
