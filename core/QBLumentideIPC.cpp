@@ -283,30 +283,23 @@ private:
 // be woken and then wake the sender. Commands that a leader reads go to the reader thread, which
 // hands them to the delegate in the order they arrived.
 struct QBLumentideIPC::Connection {
-    explicit Connection(int socket)
-        : socket(socket),
-          readerKick(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
-          leaderKick(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+    explicit Connection(int socket) : socket(socket), leaderKick(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
     ~Connection() {
-        for (const int descriptor : {readerKick, leaderKick}) {
-            if (descriptor >= 0) ::close(descriptor);
-        }
+        if (leaderKick >= 0) ::close(leaderKick);
     }
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
-    bool isUsable() const { return readerKick >= 0 && leaderKick >= 0; }
+    bool isUsable() const { return leaderKick >= 0; }
 
     const int socket;      // closed by the reader thread, never here
-    const int readerKick;  // wakes the reader thread out of poll(), to give way to a leader
-    const int leaderKick;  // wakes a leader out of poll(), when its wait ended elsewhere
+    const int leaderKick;  // wakes a leader out of poll() when its wait ended by other means
 
     // Guards the fields below and the state of every waiting entry of a request sent on this
     // connection; comes after waitingLock and repliesLock in the lock order.
     std::mutex lock;
     std::condition_variable readerWake;  // the reader thread waits here while callers lead
     bool tokenHeld = false;              // someone reads the socket; only that thread touches input
-    bool readerWatching = false;         // the reader thread is (about to be) in poll() without the token
-    bool readerKicked = false;           // readerKick was written since the reader began watching
+    bool readerNeedsCall = false;        // the parked reader thread waits to be woken when no sender waits
     bool ended = false;                  // the connection is over; nobody takes the token again
     std::vector<WaitingEntry*> waiters;  // senders of requests on this connection, until they return
     std::deque<nlohmann::json> commands; // envelopes read by leaders for the reader thread
@@ -741,22 +734,19 @@ std::optional<json> QBLumentideIPC::transmit(const std::string& command, const j
         if (getReply && framed) {
             // Registered before the first byte leaves, so that no answer can come too early.
             entry = std::make_shared<WaitingEntry>(connection);
-            {
-                std::lock_guard waiting(waitingLock);
-                waitingMessages[messageId] = entry;
-            }
-            enlistWaiter(*entry);
+            std::lock_guard waiting(waitingLock);
+            waitingMessages[messageId] = entry;
         }
         written = framed && sendBytes(toSocket, outgoing->bytes);
     }
     if (!written) {
-        if (entry) {
-            forgetWaitingEntry(messageId);
-            dismissWaiter(*entry);
-        }
+        if (entry) forgetWaitingEntry(messageId);
         return std::nullopt;
     }
     if (!entry) return std::nullopt;
+    // Only once the request is out: a sender whose write blocks must not keep the reader
+    // thread off a connection that the peer may be waiting for us to read.
+    enlistWaiter(*entry);
     return awaitReply(messageId, *entry);
 }
 
@@ -784,19 +774,6 @@ void QBLumentideIPC::enlistWaiter(WaitingEntry& entry) {
     Connection& connection = *entry.connection;
     std::lock_guard guard(connection.lock);
     connection.waiters.push_back(&entry);
-    // The reader thread leaves poll() now, while the request travels, so that only the sender
-    // is woken by the answer.
-    if (connection.readerWatching && !connection.readerKicked) {
-        connection.readerKicked = true;
-        kick(connection.readerKick);
-    }
-}
-
-void QBLumentideIPC::dismissWaiter(WaitingEntry& entry) {
-    Connection& connection = *entry.connection;
-    std::lock_guard guard(connection.lock);
-    std::erase(connection.waiters, &entry);
-    handOff(connection);
 }
 
 std::optional<json> QBLumentideIPC::awaitReply(const std::string& messageId, WaitingEntry& entry) {
@@ -840,8 +817,11 @@ void QBLumentideIPC::lead(WaitingEntry& entry, std::unique_lock<std::mutex>& gua
     connection.tokenHeld = true;
     entry.leading = true;
     guard.unlock();
+    // Each descriptor watched costs a wait-queue entry made and removed per call. A client
+    // endpoint has one connection, so no answer can come on another, and its shutdown shuts
+    // the socket down: the socket alone wakes its leaders in every case.
     pollfd watched[2] = {{connection.socket, POLLIN, 0}, {connection.leaderKick, POLLIN, 0}};
-    const int ready = ::poll(watched, 2, -1);
+    const int ready = ::poll(watched, mode_.load() == serverMode ? 2 : 1, -1);
     if (ready > 0 && watched[1].revents != 0) drainKicks(connection.leaderKick);
     const bool open = ready <= 0 || watched[0].revents == 0 || receiveFrames(connection);
     guard.lock();
@@ -864,6 +844,7 @@ void QBLumentideIPC::handOff(Connection& connection) {
             return;
         }
     }
+    if (connection.waiters.empty() && connection.readerNeedsCall) connection.readerWake.notify_one();
 }
 
 void QBLumentideIPC::markEnded(Connection& connection) {
@@ -919,6 +900,7 @@ bool QBLumentideIPC::enterReaderLoop(const std::shared_ptr<Connection>& connecti
 
 void QBLumentideIPC::runReader(Connection& connection) {
     std::unique_lock guard(connection.lock);
+    bool longWait = false;  // the last short wait ran out while senders still waited
     while (!connection.ended && !shutdownRequested.load()) {
         if (!connection.commands.empty()) {
             json envelope = std::move(connection.commands.front());
@@ -930,21 +912,30 @@ void QBLumentideIPC::runReader(Connection& connection) {
             continue;
         }
         if (connection.tokenHeld || !connection.waiters.empty()) {
-            // Senders read for themselves meanwhile. The last one to leave does not wake this
-            // thread: under a stream of requests that would cost a wake-up (and a kick) per
-            // round trip. The thread looks again after readerResumeDelay instead.
-            connection.readerWake.wait_for(guard, readerResumeDelay);
+            // Senders read for themselves meanwhile. Under a stream of requests, being called
+            // back whenever the last of them leaves would cost a wake-up (and a kick) per round
+            // trip; so the thread first looks again by itself after readerResumeDelay, and
+            // only when senders still wait then does it ask to be called back.
+            if (longWait) {
+                connection.readerNeedsCall = true;
+                connection.readerWake.wait(guard);
+                connection.readerNeedsCall = false;
+                longWait = false;
+            } else {
+                longWait = connection.readerWake.wait_for(guard, readerResumeDelay) == std::cv_status::timeout;
+            }
             continue;
         }
-        connection.readerWatching = true;
+        longWait = false;
         guard.unlock();
-        pollfd watched[2] = {{connection.socket, POLLIN, 0}, {connection.readerKick, POLLIN, 0}};
-        const int ready = ::poll(watched, 2, -1);
-        if (ready > 0 && watched[1].revents != 0) drainKicks(connection.readerKick);
+        // A sender that starts to lead meanwhile does not push this thread out of poll(): the
+        // first answer it reads wakes this thread too, which then stays off the connection
+        // (see above). Under a stream of requests that happens about once per
+        // readerResumeDelay, and nothing more than the socket is watched for it.
+        pollfd watched{connection.socket, POLLIN, 0};
+        const int ready = ::poll(&watched, 1, -1);
         guard.lock();
-        connection.readerWatching = false;
-        connection.readerKicked = false;
-        if (ready <= 0 || watched[0].revents == 0 || connection.tokenHeld || !connection.waiters.empty()) continue;
+        if (ready <= 0 || connection.tokenHeld || !connection.waiters.empty()) continue;
         connection.tokenHeld = true;
         guard.unlock();
         const bool open = receiveFrames(connection);

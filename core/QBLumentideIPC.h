@@ -223,10 +223,10 @@ private:
     // the reader thread catches up, which bounds what a peer that floods commands can make an
     // endpoint hold.
     static constexpr std::size_t maximumQueuedCommands = 64;
-    // How long the reader thread of a connection stays off it after the last waiting sender
-    // has left, at most. Under a stream of requests it so stays away instead of being woken
-    // and pushed aside again each round trip; a command that the peer sends right after an
-    // answer waits this long at worst.
+    // How long the reader thread of a connection may stay off it after the last waiting
+    // sender has left. Under a stream of requests it so stays away instead of being woken and
+    // pushed aside again each round trip; a command that the peer sends while nobody reads
+    // waits this long at worst.
     static constexpr std::chrono::milliseconds readerResumeDelay{2};
 
     bool startTrackedThread(std::function<void(QBLumentideIPC&)> job);
@@ -243,7 +243,6 @@ private:
     std::shared_ptr<Connection> openConnection(int socket) const;
     static bool sendBytes(int socket, const std::string& bytes);
     void enlistWaiter(WaitingEntry& entry);
-    void dismissWaiter(WaitingEntry& entry);
     std::optional<nlohmann::json> awaitReply(const std::string& messageId, WaitingEntry& entry);
     bool mayLead(const Connection& connection) const;
     void lead(WaitingEntry& entry, std::unique_lock<std::mutex>& guard);
