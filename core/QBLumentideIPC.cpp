@@ -43,21 +43,36 @@ struct QBLumentideIPC::OutgoingFrame {
                 const std::string* replyId) {
         bytes.assign(5, '\0');
         bytes += R"({"command":)";
-        writer.dump(json(command), false, false, 0);
+        appendString(command);
         bytes += R"(,"content":)";
         writer.dump(content, false, false, 0);
-        bytes += R"(,"messageid":")";
-        bytes += messageId;  // decimal digits: nothing to escape
-        bytes += '"';
+        bytes += R"(,"messageid":)";
+        appendString(messageId);
         if (replyId) {
             bytes += R"(,"replyid":)";
-            writer.dump(json(*replyId), false, false, 0);
+            appendString(*replyId);
         }
         bytes += '}';
         const std::size_t length = bytes.size() - 5;
         if (length > maximumFrameBodyLength) return false;
         for (std::size_t i = 0; i < 4; ++i) bytes[1 + i] = static_cast<char>((length >> (8 * i)) & 0xFF);
         return true;
+    }
+
+    // Names and ids are mostly printable ASCII that needs no escaping, and are then copied as
+    // they are; anything else goes through the serializer.
+    void appendString(const std::string& text) {
+        const bool plain = std::all_of(text.begin(), text.end(), [](char c) {
+            const auto u = static_cast<unsigned char>(c);
+            return u >= 0x20 && u < 0x7F && u != '"' && u != '\\';
+        });
+        if (!plain) {
+            writer.dump(json(text), false, false, 0);
+            return;
+        }
+        bytes += '"';
+        bytes += text;
+        bytes += '"';
     }
 };
 
@@ -106,24 +121,30 @@ bool makeAddress(const std::string& path, sockaddr_un& address) {
     return true;
 }
 
+// The position of the quote that closes the string opened at open, or size when none does. A
+// quote is escaped when an odd run of backslashes stands before it.
+std::size_t closingQuote(const std::uint8_t* text, std::size_t size, std::size_t open) {
+    std::size_t from = open + 1;
+    while (from < size) {
+        const auto* quote = static_cast<const std::uint8_t*>(std::memchr(text + from, '"', size - from));
+        if (quote == nullptr) break;
+        const auto at = static_cast<std::size_t>(quote - text);
+        std::size_t backslashes = 0;
+        while (at - backslashes > from && text[at - backslashes - 1] == '\\') ++backslashes;
+        if (backslashes % 2 == 0) return at;
+        from = at + 1;
+    }
+    return size;
+}
+
 // Whether the JSON text opens more than limit arrays or objects inside each other. Only exact
 // for valid JSON, which is all that matters: invalid text is refused by the parser anyway.
 bool nestsDeeperThan(const std::uint8_t* text, std::size_t size, int limit) {
     int depth = 0;
-    bool inString = false;
-    bool escaped = false;
     for (std::size_t i = 0; i < size; ++i) {
         const std::uint8_t c = text[i];
-        if (inString) {
-            if (escaped) {
-                escaped = false;
-            } else if (c == '\\') {
-                escaped = true;
-            } else if (c == '"') {
-                inString = false;
-            }
-        } else if (c == '"') {
-            inString = true;
+        if (c == '"') {
+            i = closingQuote(text, size, i);
         } else if (c == '[' || c == '{') {
             if (++depth > limit) return true;
         } else if (c == ']' || c == '}') {
