@@ -318,12 +318,12 @@ struct QBLumentideIPC::Connection {
     // Guards the fields below and the state of every waiting entry of a request sent on this
     // connection; comes after waitingLock and repliesLock in the lock order.
     std::mutex lock;
-    std::condition_variable readerWake;  // the reader thread waits here while callers lead
+    std::condition_variable readerWake;  // the reader thread waits here while senders lead
     bool tokenHeld = false;              // someone reads the socket; only that thread touches input
     bool readerNeedsCall = false;        // the parked reader thread waits to be woken when no sender waits
     bool ended = false;                  // the connection is over; nobody takes the token again
     std::vector<WaitingEntry*> waiters;  // senders of requests on this connection, until they return
-    std::deque<nlohmann::json> commands; // envelopes read by leaders for the reader thread
+    std::deque<nlohmann::json> commands; // commands read, not yet handed to the delegate, oldest first
     std::thread::id readerThread;        // the thread that runs the reader loop
 
     InboundFrames input;  // guarded by the token

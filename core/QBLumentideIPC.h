@@ -9,23 +9,40 @@
 // "messageid", "content" and, in replies, "replyid". Every message sent by an endpoint, replies
 // included, takes the next id of its counter (1, 2, ..., 2147483647, 0, 1, ...).
 //
+// Reading: each connection has a read token; only its holder receives from the socket. A
+// sender that waits for an answer takes the token when it is free and reads the connection
+// itself (it leads): so the answer wakes only the thread that waits for it. On the way a
+// leader completes other senders' answers (they may also arrive on another connection of the
+// endpoint) and queues commands for the connection's reader thread. The reader thread reads
+// when no sender waits on its connection, hands every command to the delegate, one at a time
+// in order of arrival, and writes the replies in that order. While senders wait it keeps off
+// the socket; after the last one has left it takes the socket up again within
+// readerResumeDelay.
+//
 // Invariants:
 //  - Every client descriptor is closed exactly once, by the reader thread of its connection,
-//    while it holds the endpoint lock and after it has taken the descriptor out of the client
-//    list (server) or out of _socket (client). Everyone else only wakes a reader, with
-//    shutdown(2), and only while the descriptor is known to be open.
+//    while it holds the endpoint lock, after it has taken the descriptor out of the client list
+//    (server) or out of _socket (client), and after it has marked the connection ended and
+//    seen its read token free, so no leader polls or reads it any more. Everyone else only
+//    wakes its users, with shutdown(2), and only while the descriptor is known to be open.
 //  - A sender that waits for a reply returns nothing as soon as the endpoint shuts down or the
 //    connection that carries its request ends; a reply that arrived first still wins over the
-//    end of its connection.
+//    end of its connection. Each of these events reaches a leader in poll() through its socket
+//    (shutdown(2)) or its connection's eventfd, and a sender that does not lead through its
+//    condition.
 //  - The shutdown flag is set once (atomic exchange); the rest of shutdown() runs once.
 //
 // Threads: any thread may call any public operation. Every thread the endpoint starts holds a
 // shared_ptr to it, so an endpoint lives until its last thread ends; waitForThreads() lets an
-// owner (tests, an orderly exit) wait for that moment. Delegate operations run on reader threads.
+// owner (tests, an orderly exit) wait for that moment. Delegate operations run on reader threads;
+// a delegate may itself send a request and wait for its answer.
 //
 // Lock order (outermost first): endpointLock, clientsLock, socketLock, waitingLock, repliesLock,
-// then a waiting entry's own lock. wakeLock, delegateLock, selfLock and the thread tracker's
-// lock are leaves. No lock is held while waiting for a reply or while blocked in a read.
+// then a connection's lock, which also guards the state of the waiting entries of requests sent
+// on it (each entry's condition waits on it). wakeLock, delegateLock, selfLock and the thread
+// tracker's lock are leaves. No lock is held while waiting for a reply or while blocked in
+// poll() or a read; endpointLock is held while a frame is written, so that frames never
+// interleave.
 //
 //   auto ipc = QBLumentideIPC::initWithSocketPath("/run/example.socket", false);
 //   ipc->startServerOnThread();
@@ -176,9 +193,10 @@ public:
     // Client: one-way message on the connection.
     void sendMessageAndDontWait(const std::string& command, const nlohmann::json& data);
 
-    // The reader loop of one connection; takes over the descriptor and closes it at the end. It
-    // reads frames as getMessage() does, through a buffer that keeps bytes which arrived beyond
-    // the current frame for the next one.
+    // The reader loop of one connection; takes over the descriptor and closes it at the end.
+    // Frames on it are read with getMessage()'s rules (length bytes that the peer wrote apart
+    // end the connection), through one buffer per connection that keeps bytes which arrived
+    // beyond a frame for the next one, whichever thread holds the read token.
     void processMessages(int socket);
     // Reads one frame from the descriptor, without reading past it; nothing when the connection
     // has ended or the frame is unreadable (zero or too long a length, length bytes split
