@@ -304,15 +304,21 @@ private:
 // be woken and then wake the sender. Commands that a leader reads go to the reader thread, which
 // hands them to the delegate in the order they arrived.
 struct QBLumentideIPC::Connection {
-    explicit Connection(int socket) : socket(socket), leaderKick(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+    explicit Connection(int socket)
+        : socket(socket),
+          readerKick(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+          leaderKick(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
     ~Connection() {
-        if (leaderKick >= 0) ::close(leaderKick);
+        for (const int descriptor : {readerKick, leaderKick}) {
+            if (descriptor >= 0) ::close(descriptor);
+        }
     }
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
-    bool isUsable() const { return leaderKick >= 0; }
+    bool isUsable() const { return readerKick >= 0 && leaderKick >= 0; }
 
     const int socket;      // closed by the reader thread, never here
+    const int readerKick;  // wakes the reader thread out of poll() for commands that a leader read
     const int leaderKick;  // wakes a leader out of poll() when its wait ended by other means
 
     // Guards the fields below and the state of every waiting entry of a request sent on this
@@ -321,6 +327,8 @@ struct QBLumentideIPC::Connection {
     std::condition_variable readerWake;  // the reader thread waits here while senders lead
     bool tokenHeld = false;              // someone reads the socket; only that thread touches input
     bool readerNeedsCall = false;        // the parked reader thread waits to be woken when no sender waits
+    bool readerWatching = false;         // the reader thread is in poll() (or about to be), without the token
+    bool readerKicked = false;           // readerKick was written since the reader thread began watching
     bool ended = false;                  // the connection is over; nobody takes the token again
     std::vector<WaitingEntry*> waiters;  // senders of requests on this connection, until they return
     std::deque<nlohmann::json> commands; // commands read, not yet handed to the delegate, oldest first
@@ -948,15 +956,20 @@ void QBLumentideIPC::runReader(Connection& connection) {
             continue;
         }
         longWait = false;
+        connection.readerWatching = true;
         guard.unlock();
         // A sender that starts to lead meanwhile does not push this thread out of poll(): the
         // first answer it reads wakes this thread too, which then stays off the connection
         // (see above). Under a stream of requests that happens about once per
-        // readerResumeDelay, and nothing more than the socket is watched for it.
-        pollfd watched{connection.socket, POLLIN, 0};
-        const int ready = ::poll(&watched, 1, -1);
+        // readerResumeDelay. But commands that a leader reads meanwhile need this thread, and
+        // the leader may have taken all input before this thread looks: readerKick.
+        pollfd watched[2] = {{connection.socket, POLLIN, 0}, {connection.readerKick, POLLIN, 0}};
+        const int ready = ::poll(watched, 2, -1);
+        if (ready > 0 && watched[1].revents != 0) drainKicks(connection.readerKick);
         guard.lock();
-        if (ready <= 0 || connection.tokenHeld || !connection.waiters.empty()) continue;
+        connection.readerWatching = false;
+        connection.readerKicked = false;
+        if (ready <= 0 || watched[0].revents == 0 || connection.tokenHeld || !connection.waiters.empty()) continue;
         connection.tokenHeld = true;
         guard.unlock();
         const bool open = receiveFrames(connection);
@@ -1022,6 +1035,10 @@ void QBLumentideIPC::handleEnvelope(json& envelope, Connection& connection) {
     }
     std::lock_guard guard(connection.lock);
     connection.commands.push_back(std::move(envelope));
+    if (connection.readerWatching && !connection.readerKicked) {
+        connection.readerKicked = true;
+        kick(connection.readerKick);
+    }
     connection.readerWake.notify_one();
 }
 
