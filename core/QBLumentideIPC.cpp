@@ -304,21 +304,15 @@ private:
 // be woken and then wake the sender. Commands that a leader reads go to the reader thread, which
 // hands them to the delegate in the order they arrived.
 struct QBLumentideIPC::Connection {
-    explicit Connection(int socket)
-        : socket(socket),
-          readerKick(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
-          leaderKick(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+    explicit Connection(int socket) : socket(socket), leaderKick(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
     ~Connection() {
-        for (const int descriptor : {readerKick, leaderKick}) {
-            if (descriptor >= 0) ::close(descriptor);
-        }
+        if (leaderKick >= 0) ::close(leaderKick);
     }
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
-    bool isUsable() const { return readerKick >= 0 && leaderKick >= 0; }
+    bool isUsable() const { return leaderKick >= 0; }
 
     const int socket;      // closed by the reader thread, never here
-    const int readerKick;  // wakes the reader thread out of poll() for commands that a leader read
     const int leaderKick;  // wakes a leader out of poll() when its wait ended by other means
 
     // Guards the fields below and the state of every waiting entry of a request sent on this
@@ -327,14 +321,15 @@ struct QBLumentideIPC::Connection {
     std::condition_variable readerWake;  // the reader thread waits here while senders lead
     bool tokenHeld = false;              // someone reads the socket; only that thread touches input
     bool readerNeedsCall = false;        // the parked reader thread waits to be woken when no sender waits
-    bool readerWatching = false;         // the reader thread is in poll() (or about to be), without the token
-    bool readerKicked = false;           // readerKick was written since the reader thread began watching
+    bool readerWatching = false;         // the reader thread is in poll() (or about to be); nobody leads
     bool ended = false;                  // the connection is over; nobody takes the token again
     std::vector<WaitingEntry*> waiters;  // senders of requests on this connection, until they return
     std::deque<nlohmann::json> commands; // commands read, not yet handed to the delegate, oldest first
     std::thread::id readerThread;        // the thread that runs the reader loop
 
-    InboundFrames input;  // guarded by the token
+    // Guarded by the token.
+    InboundFrames input;
+    std::uint64_t answersRead = 0;  // answers matched to waiting senders
 };
 
 // A request whose sender waits for its answer. Its flags are guarded by its connection's lock,
@@ -835,9 +830,10 @@ std::optional<json> QBLumentideIPC::awaitReply(const std::string& messageId, Wai
 }
 
 bool QBLumentideIPC::mayLead(const Connection& connection) const {
-    // A full command queue pauses reading until the reader thread catches up, as a busy reader
-    // thread did; its own requests (a delegate that asks something) may always read on.
-    return !connection.tokenHeld &&
+    // Not while the reader thread watches the socket: it will read what comes (and then step
+    // aside). A full command queue pauses reading until the reader thread catches up, as a busy
+    // reader thread did; its own requests (a delegate that asks something) may always read on.
+    return !connection.tokenHeld && !connection.readerWatching &&
            (connection.commands.size() < maximumQueuedCommands || connection.readerThread == std::this_thread::get_id());
 }
 
@@ -929,7 +925,8 @@ bool QBLumentideIPC::enterReaderLoop(const std::shared_ptr<Connection>& connecti
 
 void QBLumentideIPC::runReader(Connection& connection) {
     std::unique_lock guard(connection.lock);
-    bool longWait = false;  // the last short wait ran out while senders still waited
+    bool stepAside = false;  // this thread has just read an answer: let the next senders lead
+    bool longWait = false;   // the last short wait ran out while senders still waited
     while (!connection.ended && !shutdownRequested.load()) {
         if (!connection.commands.empty()) {
             json envelope = std::move(connection.commands.front());
@@ -940,11 +937,11 @@ void QBLumentideIPC::runReader(Connection& connection) {
             handOff(connection);  // a leader may have paused for the full queue
             continue;
         }
-        if (connection.tokenHeld || !connection.waiters.empty()) {
+        if (stepAside || connection.tokenHeld || !connection.waiters.empty()) {
             // Senders read for themselves meanwhile. Under a stream of requests, being called
-            // back whenever the last of them leaves would cost a wake-up (and a kick) per round
-            // trip; so the thread first looks again by itself after readerResumeDelay, and
-            // only when senders still wait then does it ask to be called back.
+            // back whenever the last of them leaves would cost a wake-up per round trip; so the
+            // thread first looks again by itself after readerResumeDelay, and only when senders
+            // still wait then does it ask to be called back.
             if (longWait) {
                 connection.readerNeedsCall = true;
                 connection.readerWake.wait(guard);
@@ -953,29 +950,28 @@ void QBLumentideIPC::runReader(Connection& connection) {
             } else {
                 longWait = connection.readerWake.wait_for(guard, readerResumeDelay) == std::cv_status::timeout;
             }
+            stepAside = false;
             continue;
         }
         longWait = false;
+        // No sender leads while this thread watches (see mayLead), so that a command or answer
+        // that arrives always finds this thread awake: only the socket needs watching.
         connection.readerWatching = true;
         guard.unlock();
-        // A sender that starts to lead meanwhile does not push this thread out of poll(): the
-        // first answer it reads wakes this thread too, which then stays off the connection
-        // (see above). Under a stream of requests that happens about once per
-        // readerResumeDelay. But commands that a leader reads meanwhile need this thread, and
-        // the leader may have taken all input before this thread looks: readerKick.
-        pollfd watched[2] = {{connection.socket, POLLIN, 0}, {connection.readerKick, POLLIN, 0}};
-        const int ready = ::poll(watched, 2, -1);
-        if (ready > 0 && watched[1].revents != 0) drainKicks(connection.readerKick);
+        pollfd watched{connection.socket, POLLIN, 0};
+        const int ready = ::poll(&watched, 1, -1);
         guard.lock();
         connection.readerWatching = false;
-        connection.readerKicked = false;
-        if (ready <= 0 || watched[0].revents == 0 || connection.tokenHeld || !connection.waiters.empty()) continue;
+        if (ready <= 0 || connection.tokenHeld) continue;
         connection.tokenHeld = true;
+        const std::uint64_t answeredBefore = connection.answersRead;
         guard.unlock();
         const bool open = receiveFrames(connection);
         guard.lock();
         connection.tokenHeld = false;
         if (!open) connection.ended = true;
+        // Senders that waited while this thread watched read for themselves from now on.
+        stepAside = connection.answersRead != answeredBefore || !connection.waiters.empty();
         handOff(connection);
     }
 }
@@ -1035,10 +1031,6 @@ void QBLumentideIPC::handleEnvelope(json& envelope, Connection& connection) {
     }
     std::lock_guard guard(connection.lock);
     connection.commands.push_back(std::move(envelope));
-    if (connection.readerWatching && !connection.readerKicked) {
-        connection.readerKicked = true;
-        kick(connection.readerKick);
-    }
     connection.readerWake.notify_one();
 }
 
@@ -1057,7 +1049,7 @@ void QBLumentideIPC::handleCommand(const json& envelope, int socket) {
     transmit(replyCommand, *answer, &messageId, false, socket);
 }
 
-void QBLumentideIPC::matchReply(json& envelope, const Connection& readingOn) {
+void QBLumentideIPC::matchReply(json& envelope, Connection& readingOn) {
     const auto replyId = envelope.find("replyid");
     if (replyId == envelope.end() || !replyId->is_string()) return;
     const std::string& id = replyId->get_ref<const std::string&>();
@@ -1068,6 +1060,7 @@ void QBLumentideIPC::matchReply(json& envelope, const Connection& readingOn) {
         const auto found = waitingMessages.find(id);
         if (found == waitingMessages.end()) return;
         entry = found->second;
+        ++readingOn.answersRead;
         {
             std::lock_guard replies(repliesLock);
             messageReplies[id] = std::move(envelope["content"]);

@@ -13,11 +13,12 @@
 // sender that waits for an answer takes the token when it is free and reads the connection
 // itself (it leads): so the answer wakes only the thread that waits for it. On the way a
 // leader completes other senders' answers (they may also arrive on another connection of the
-// endpoint) and queues commands for the connection's reader thread. The reader thread reads
-// when no sender waits on its connection, hands every command to the delegate, one at a time
-// in order of arrival, and writes the replies in that order. While senders wait it keeps off
-// the socket; after the last one has left it takes the socket up again within
-// readerResumeDelay.
+// endpoint) and queues commands for the connection's reader thread. The reader thread hands
+// every command to the delegate, one at a time in order of arrival, and writes the replies in
+// that order. It watches the socket itself only while no sender waits on the connection, and
+// no sender leads while it watches; once it has read an answer for a waiting sender it steps
+// aside, so that the next senders lead, and it takes the socket up again at most
+// readerResumeDelay after the last of them has left.
 //
 // Invariants:
 //  - Every client descriptor is closed exactly once, by the reader thread of its connection,
@@ -275,7 +276,7 @@ private:
     bool receiveFrames(Connection& connection);
     void handleEnvelope(nlohmann::json& envelope, Connection& connection);
     void handleCommand(const nlohmann::json& envelope, int socket);
-    void matchReply(nlohmann::json& envelope, const Connection& readingOn);
+    void matchReply(nlohmann::json& envelope, Connection& readingOn);
     void endConnection(Connection& connection);
 
     const std::string _path;
