@@ -256,7 +256,10 @@ int main(int argc, char** argv) {
     benchmark::AddCustomContext("request frame bytes", std::to_string(s.request.size()));
     benchmark::AddCustomContext("reply frame bytes", std::to_string(s.reply.size()));
     benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        stopAll(s);
+        return 1;
+    }
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     stopAll(s);

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
@@ -13,7 +14,10 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <set>
+#include <span>
+#include <string_view>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -25,15 +29,51 @@ using nlohmann::json;
 void QBLumentideIPCDelegate::clientConnected(QBLumentideIPC&) {}
 void QBLumentideIPCDelegate::clientDisconnected(QBLumentideIPC&) {}
 
-// A request whose sender waits for its answer.
-struct QBLumentideIPC::WaitingEntry {
-    explicit WaitingEntry(int socket) : socket(socket) {}
+// The frame of the message being sent, written into one buffer that every send reuses, by one
+// serializer that lives as long as the endpoint: building an envelope object and dumping it
+// into a fresh string costs several times as much. Guarded by endpointLock.
+struct QBLumentideIPC::OutgoingFrame {
+    std::string bytes;
+    nlohmann::detail::serializer<json> writer{nlohmann::detail::output_adapter<char>(bytes), ' ',
+                                              json::error_handler_t::replace};
 
-    const int socket;                 // the connection that carries the request
-    std::mutex lock;                  // guards the two flags
-    std::condition_variable condition;
-    bool replied = false;             // the answer is in messageReplies
-    bool abandoned = false;           // the carrying connection ended or the endpoint shut down
+    // False when the body would exceed maximumFrameBodyLength. The keys come in the order in
+    // which the library writes an envelope object, so frameWithEnvelope gives the same bytes.
+    bool encode(const std::string& command, const std::string& messageId, const json& content,
+                const std::string* replyId) {
+        bytes.assign(5, '\0');
+        bytes += R"({"command":)";
+        appendString(command);
+        bytes += R"(,"content":)";
+        writer.dump(content, false, false, 0);
+        bytes += R"(,"messageid":)";
+        appendString(messageId);
+        if (replyId) {
+            bytes += R"(,"replyid":)";
+            appendString(*replyId);
+        }
+        bytes += '}';
+        const std::size_t length = bytes.size() - 5;
+        if (length > maximumFrameBodyLength) return false;
+        for (std::size_t i = 0; i < 4; ++i) bytes[1 + i] = static_cast<char>((length >> (8 * i)) & 0xFF);
+        return true;
+    }
+
+    // Names and ids are mostly printable ASCII that needs no escaping, and are then copied as
+    // they are; anything else goes through the serializer.
+    void appendString(const std::string& text) {
+        const bool plain = std::all_of(text.begin(), text.end(), [](char c) {
+            const auto u = static_cast<unsigned char>(c);
+            return u >= 0x20 && u < 0x7F && u != '"' && u != '\\';
+        });
+        if (!plain) {
+            writer.dump(json(text), false, false, 0);
+            return;
+        }
+        bytes += '"';
+        bytes += text;
+        bytes += '"';
+    }
 };
 
 // Counts the endpoint's running threads. Shared by the endpoint and its threads, so that a
@@ -81,24 +121,30 @@ bool makeAddress(const std::string& path, sockaddr_un& address) {
     return true;
 }
 
+// The position of the quote that closes the string opened at open, or size when none does. A
+// quote is escaped when an odd run of backslashes stands before it.
+std::size_t closingQuote(const std::uint8_t* text, std::size_t size, std::size_t open) {
+    std::size_t from = open + 1;
+    while (from < size) {
+        const auto* quote = static_cast<const std::uint8_t*>(std::memchr(text + from, '"', size - from));
+        if (quote == nullptr) break;
+        const auto at = static_cast<std::size_t>(quote - text);
+        std::size_t backslashes = 0;
+        while (at - backslashes > from && text[at - backslashes - 1] == '\\') ++backslashes;
+        if (backslashes % 2 == 0) return at;
+        from = at + 1;
+    }
+    return size;
+}
+
 // Whether the JSON text opens more than limit arrays or objects inside each other. Only exact
 // for valid JSON, which is all that matters: invalid text is refused by the parser anyway.
 bool nestsDeeperThan(const std::uint8_t* text, std::size_t size, int limit) {
     int depth = 0;
-    bool inString = false;
-    bool escaped = false;
     for (std::size_t i = 0; i < size; ++i) {
         const std::uint8_t c = text[i];
-        if (inString) {
-            if (escaped) {
-                escaped = false;
-            } else if (c == '\\') {
-                escaped = true;
-            } else if (c == '"') {
-                inString = false;
-            }
-        } else if (c == '"') {
-            inString = true;
+        if (c == '"') {
+            i = closingQuote(text, size, i);
         } else if (c == '[' || c == '{') {
             if (++depth > limit) return true;
         } else if (c == ']' || c == '}') {
@@ -129,38 +175,174 @@ std::ptrdiff_t receiveSome(int socket, std::uint8_t* bytes, std::size_t length) 
     }
 }
 
-// The receive calls of one connection's reader, served from a buffer that is refilled with one
-// recv of up to its size. A frame that arrives whole then costs one recv instead of three, and a
-// recv is the dearest step of a round trip. Each call returns what the buffer holds, up to the
-// length asked for, and reads from the socket only when the buffer is empty; so the frame
-// reader's rules hold as they do for direct calls (in particular, four length bytes must come
-// from one call: a header cut short by the peer's writes still ends the connection).
-class ReceiveBuffer {
-public:
-    explicit ReceiveBuffer(int socket) : socket(socket) {}
+// What has arrived, without waiting: -1 with EAGAIN when nothing has.
+std::ptrdiff_t receiveNow(int socket, std::uint8_t* bytes, std::size_t length) {
+    for (;;) {
+        const ssize_t received = ::recv(socket, bytes, length, MSG_DONTWAIT);
+        if (received < 0 && errno == EINTR) continue;
+        return received;
+    }
+}
 
-    std::ptrdiff_t receive(std::uint8_t* out, std::size_t length) {
+// The envelope in a frame's body; nothing for bad JSON, a top level that is not an object, or
+// too deep a nesting.
+std::optional<json> decodeEnvelope(std::string_view body) {
+    if (nestsDeeperThan(reinterpret_cast<const std::uint8_t*>(body.data()), body.size(),
+                        QBLumentideIPC::maximumNestingDepth)) {
+        return std::nullopt;
+    }
+    json envelope = json::parse(body.data(), body.data() + body.size(), nullptr, false);
+    if (envelope.is_discarded() || !envelope.is_object()) return std::nullopt;
+    return envelope;
+}
+
+// Writes bytes in pieces of at most transferChunkSize; false at the first failing call.
+template <typename Send>
+bool writeInPieces(const std::uint8_t* bytes, std::size_t size, const Send& send) {
+    std::size_t written = 0;
+    while (written < size) {
+        const std::size_t piece = std::min(size - written, QBLumentideIPC::transferChunkSize);
+        const std::ptrdiff_t accepted = send(bytes + written, piece);
+        if (accepted <= 0) return false;
+        written += static_cast<std::size_t>(accepted);
+    }
+    return true;
+}
+
+
+// Wakes a thread that waits in poll() on the other end. Writing a counter never blocks (it only
+// fails when the counter would overflow, and then the thread is already awake).
+void kick(int eventDescriptor) {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const ssize_t ignored = ::write(eventDescriptor, &one, sizeof one);
+}
+
+void drainKicks(int eventDescriptor) {
+    std::uint64_t count;
+    [[maybe_unused]] const ssize_t ignored = ::read(eventDescriptor, &count, sizeof count);
+}
+
+// The frames of one connection, put together from what successive receive calls return, with
+// the rules of readFrame: the marker may be any byte, the four length bytes must arrive
+// together, the body may come in pieces. Bytes that arrive beyond a frame stay for the next one.
+// A body is handed out as a view into the buffer, so it is parsed where it was received.
+class InboundFrames {
+public:
+    enum class Step {
+        frame,      // body holds the next frame's body
+        needInput,  // nothing more without another receive call
+        needTopUp,  // one to three length bytes arrived: take what else has come, then decide
+        broken,     // zero or too long a length, or length bytes that never came together
+    };
+
+    // Where the next receive call writes: up to receiveSize bytes, or the rest of the body in
+    // progress when that is more, so that every body ends up in one piece.
+    std::span<std::uint8_t> space() {
         if (start == end) {
-            const std::ptrdiff_t got = receiveSome(socket, bytes.data(), bytes.size());
-            if (got <= 0) return got;
-            start = 0;
-            end = static_cast<std::size_t>(got);
+            start = end = 0;
+            // A long body made the buffer grow; do not keep a megabyte per idle connection.
+            if (bytes.size() > retainedSize) std::vector<std::uint8_t>(receiveSize).swap(bytes);
         }
-        const std::size_t n = std::min(length, end - start);
-        std::memcpy(out, bytes.data() + start, n);
-        start += n;
-        return static_cast<std::ptrdiff_t>(n);
+        std::size_t wanted = receiveSize;
+        if (stage == Stage::body && bodyLength > available()) wanted = std::max(wanted, bodyLength - available());
+        if (bytes.size() - end < wanted) {
+            std::memmove(bytes.data(), bytes.data() + start, available());
+            end -= start;
+            start = 0;
+            if (bytes.size() - end < wanted) bytes.resize(end + wanted);
+        }
+        return {bytes.data() + end, wanted};
+    }
+    void received(std::size_t count) { end += count; }
+
+    // toppedUp: a top-up receive was made since needTopUp was returned.
+    Step next(std::string_view& body, bool toppedUp) {
+        if (stage == Stage::marker) {
+            if (available() == 0) return Step::needInput;
+            ++start;  // its value carries no meaning
+            stage = Stage::length;
+        }
+        if (stage == Stage::length) {
+            const std::size_t have = available();
+            if (have == 0) return Step::needInput;
+            if (have < 4) return toppedUp ? Step::broken : Step::needTopUp;
+            std::uint32_t length = 0;
+            for (int i = 3; i >= 0; --i) length = (length << 8) | bytes[start + static_cast<std::size_t>(i)];
+            start += 4;
+            if (length == 0 || length > QBLumentideIPC::maximumFrameBodyLength) return Step::broken;
+            bodyLength = length;
+            stage = Stage::body;
+        }
+        if (available() < bodyLength) return Step::needInput;
+        body = {reinterpret_cast<const char*>(bytes.data() + start), bodyLength};
+        start += bodyLength;
+        stage = Stage::marker;
+        return Step::frame;
     }
 
 private:
-    static constexpr std::size_t capacity = 4096;  // a few typical frames
-    const int socket;
-    std::array<std::uint8_t, capacity> bytes{};
-    std::size_t start = 0;
-    std::size_t end = 0;
+    enum class Stage { marker, length, body };
+    // One receive call takes what a few typical frames need; fewer calls mean fewer switches
+    // into the kernel, the dearest step of a round trip.
+    static constexpr std::size_t receiveSize = 4096;
+    static constexpr std::size_t retainedSize = 64 * 1024;
+
+    std::size_t available() const { return end - start; }
+
+    std::vector<std::uint8_t> bytes = std::vector<std::uint8_t>(receiveSize);
+    std::size_t start = 0;  // first byte not yet taken
+    std::size_t end = 0;    // one past the last byte received
+    Stage stage = Stage::marker;
+    std::size_t bodyLength = 0;
 };
 
 }  // namespace
+
+// One open connection. Its frames are read by whoever holds its read token: the connection's
+// reader thread, or a sender that waits for an answer to a request sent on it (the leader). A
+// sender that reads for itself is woken by its own answer, where a reader thread would have to
+// be woken and then wake the sender. Commands that a leader reads go to the reader thread, which
+// hands them to the delegate in the order they arrived.
+struct QBLumentideIPC::Connection {
+    explicit Connection(int socket) : socket(socket), leaderKick(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+    ~Connection() {
+        if (leaderKick >= 0) ::close(leaderKick);
+    }
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+    bool isUsable() const { return leaderKick >= 0; }
+
+    const int socket;      // closed by the reader thread, never here
+    const int leaderKick;  // wakes a leader out of poll() when its wait ended by other means
+
+    // Guards the fields below and the state of every waiting entry of a request sent on this
+    // connection; comes after waitingLock and repliesLock in the lock order.
+    std::mutex lock;
+    std::condition_variable readerWake;  // the reader thread waits here while senders lead
+    bool tokenHeld = false;              // someone reads the socket; only that thread touches input
+    bool readerNeedsCall = false;        // the parked reader thread waits to be woken when no sender waits
+    bool readerWatching = false;         // the reader thread is in poll() (or about to be); nobody leads
+    bool ended = false;                  // the connection is over; nobody takes the token again
+    std::vector<WaitingEntry*> waiters;  // senders of requests on this connection, until they return
+    std::deque<nlohmann::json> commands; // commands read, not yet handed to the delegate, oldest first
+    std::thread::id readerThread;        // the thread that runs the reader loop
+
+    // Guarded by the token.
+    InboundFrames input;
+    std::uint64_t answersRead = 0;  // answers matched to waiting senders
+};
+
+// A request whose sender waits for its answer. Its flags are guarded by its connection's lock,
+// and its condition waits on that lock.
+struct QBLumentideIPC::WaitingEntry {
+    explicit WaitingEntry(std::shared_ptr<Connection> connection) : connection(std::move(connection)) {}
+
+    const std::shared_ptr<Connection> connection;  // the connection that carries the request
+    std::condition_variable condition;
+    bool replied = false;    // the answer is in messageReplies
+    bool abandoned = false;  // the endpoint shut down
+    bool leading = false;    // the sender holds the read token of its connection
+};
 
 // ---------------------------------------------------------------------------------------------
 // Creation
@@ -180,6 +362,7 @@ std::shared_ptr<QBLumentideIPC> QBLumentideIPC::initWithSocketPath(const std::st
 QBLumentideIPC::QBLumentideIPC(ConstructionKey, std::string path, bool useLaunchdSocket)
     : _path(std::move(path)),
       useLaunchdSocket(useLaunchdSocket),
+      outgoing(std::make_unique<OutgoingFrame>()),
       threads(std::make_shared<ThreadTracker>()) {}
 
 QBLumentideIPC::~QBLumentideIPC() {
@@ -399,7 +582,7 @@ void QBLumentideIPC::tearDownServer() {
     {
         // Wake every reader; each one closes its own descriptor and leaves the list.
         std::lock_guard clients(clientsLock);
-        for (const int client : activeSockets) ::shutdown(client, SHUT_RDWR);
+        for (const auto& client : activeConnections) ::shutdown(client->socket, SHUT_RDWR);
     }
     releaseListeningSocket();
     closeWakePipe();
@@ -417,17 +600,20 @@ void QBLumentideIPC::releaseListeningSocket() {
 
 std::int32_t QBLumentideIPC::clientCount() const {
     std::lock_guard clients(clientsLock);
-    return static_cast<std::int32_t>(activeSockets.size());
+    return static_cast<std::int32_t>(activeConnections.size());
 }
 
 std::vector<int> QBLumentideIPC::clientSockets() const {
     std::lock_guard clients(clientsLock);
-    return activeSockets;
+    std::vector<int> sockets;
+    sockets.reserve(activeConnections.size());
+    for (const auto& client : activeConnections) sockets.push_back(client->socket);
+    return sockets;
 }
 
 bool QBLumentideIPC::shutdownIfNoClients() {
     std::lock_guard clients(clientsLock);
-    if (!activeSockets.empty()) return false;
+    if (!activeConnections.empty()) return false;
     shutdown();
     return true;
 }
@@ -435,10 +621,7 @@ bool QBLumentideIPC::shutdownIfNoClients() {
 void QBLumentideIPC::disconnectClient(int socket) {
     // Under the endpoint lock no frame is cut in the middle.
     std::lock_guard endpoint(endpointLock);
-    std::lock_guard clients(clientsLock);
-    if (std::find(activeSockets.begin(), activeSockets.end(), socket) != activeSockets.end()) {
-        ::shutdown(socket, SHUT_RDWR);
-    }
+    if (openConnection(socket)) ::shutdown(socket, SHUT_RDWR);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -461,11 +644,17 @@ bool QBLumentideIPC::connectOnNewThread(bool runOnNewThread) {
         ::close(connection);
         return false;
     }
+    auto state = std::make_shared<Connection>(connection);
+    if (!state->isUsable()) {
+        ::close(connection);
+        return false;
+    }
     {
         std::lock_guard endpoint(endpointLock);
         std::lock_guard socketGuard(socketLock);
         _socket.store(connection);
         socketState_.store(1);
+        clientConnection = state;
     }
     if (!runOnNewThread) {
         processMessages(connection);
@@ -474,7 +663,7 @@ bool QBLumentideIPC::connectOnNewThread(bool runOnNewThread) {
     if (startTrackedThread([connection](QBLumentideIPC& endpoint) { endpoint.processMessages(connection); })) {
         return true;
     }
-    endConnection(connection);
+    endConnection(*state);
     return false;
 }
 
@@ -501,18 +690,21 @@ void QBLumentideIPC::shutdown() {
         keepAlive = selfReference();
         setSelfReference(nullptr);
     }
-    wakeWaiters([](const WaitingEntry&) { return true; });
+    abandonWaiters();
 }
 
-void QBLumentideIPC::wakeWaiters(const std::function<bool(const WaitingEntry&)>& concerned) {
+void QBLumentideIPC::abandonWaiters() {
     std::lock_guard waiting(waitingLock);
-    for (auto& [id, entry] : waitingMessages) {
-        if (!concerned(*entry)) continue;
+    for (const auto& [id, entry] : waitingMessages) {
+        Connection& connection = *entry->connection;
+        bool leading;
         {
-            std::lock_guard entryGuard(entry->lock);
+            std::lock_guard guard(connection.lock);
             entry->abandoned = true;
+            leading = entry->leading;
         }
-        entry->condition.notify_all();
+        if (leading) kick(connection.leaderKick);
+        entry->condition.notify_one();
     }
 }
 
@@ -525,18 +717,18 @@ std::optional<json> QBLumentideIPC::sendMessageToFirstClient(const std::string& 
     int first;
     {
         std::lock_guard clients(clientsLock);
-        if (activeSockets.empty()) return std::nullopt;
-        first = activeSockets.front();
+        if (activeConnections.empty()) return std::nullopt;
+        first = activeConnections.front()->socket;
     }
-    return sendMessage(command, data, std::nullopt, true, first);
+    return transmit(command, data, nullptr, true, first);
 }
 
 std::optional<json> QBLumentideIPC::sendMessage(const std::string& command, const json& data) {
-    return sendMessage(command, data, std::nullopt, true, _socket.load());
+    return transmit(command, data, nullptr, true, _socket.load());
 }
 
 void QBLumentideIPC::sendMessageAndDontWait(const std::string& command, const json& data) {
-    sendMessage(command, data, std::nullopt, false, _socket.load());
+    transmit(command, data, nullptr, false, _socket.load());
 }
 
 std::optional<json> QBLumentideIPC::sendMessage(const std::string& command,
@@ -545,6 +737,11 @@ std::optional<json> QBLumentideIPC::sendMessage(const std::string& command,
                                                 bool getReply, int toSocket) {
     static const json emptyContent = json::object();
     const json& content = data && !data->is_null() ? *data : emptyContent;
+    return transmit(command, content, replyId ? &*replyId : nullptr, getReply, toSocket);
+}
+
+std::optional<json> QBLumentideIPC::transmit(const std::string& command, const json& content,
+                                             const std::string* replyId, bool getReply, int toSocket) {
     if (!content.is_object()) return std::nullopt;
     if (replyId) getReply = false;
 
@@ -553,49 +750,72 @@ std::optional<json> QBLumentideIPC::sendMessage(const std::string& command,
     bool written;
     {
         std::lock_guard endpoint(endpointLock);
-        if (!isOpenConnection(toSocket)) return std::nullopt;
+        const std::shared_ptr<Connection> connection = openConnection(toSocket);
+        if (!connection) return std::nullopt;
         lastMessageId_ = nextMessageId(lastMessageId_);
         messageId = std::to_string(lastMessageId_);
-        json envelope = {{"command", command}, {"messageid", messageId}, {"content", content}};
-        if (replyId) envelope["replyid"] = *replyId;
-        const std::vector<std::uint8_t> frame = frameWithEnvelope(envelope);
-        if (getReply && !frame.empty()) {
+        const bool framed = outgoing->encode(command, messageId, content, replyId);
+        if (getReply && framed) {
             // Registered before the first byte leaves, so that no answer can come too early.
-            entry = std::make_shared<WaitingEntry>(toSocket);
+            entry = std::make_shared<WaitingEntry>(connection);
             std::lock_guard waiting(waitingLock);
             waitingMessages[messageId] = entry;
         }
-        written = !frame.empty() && writeFrame(frame, [toSocket](const std::uint8_t* bytes, std::size_t length) {
-            return sendSome(toSocket, bytes, length);
-        });
+        written = framed && sendBytes(toSocket, outgoing->bytes);
     }
     if (!written) {
         if (entry) forgetWaitingEntry(messageId);
         return std::nullopt;
     }
     if (!entry) return std::nullopt;
+    // Only once the request is out: a sender whose write blocks must not keep the reader
+    // thread off a connection that the peer may be waiting for us to read.
+    enlistWaiter(*entry);
     return awaitReply(messageId, *entry);
 }
 
-bool QBLumentideIPC::isOpenConnection(int socket) const {
+std::shared_ptr<QBLumentideIPC::Connection> QBLumentideIPC::openConnection(int socket) const {
     // Called with endpointLock held; the reader of a connection closes its descriptor only under
     // that lock and after taking it out of the places checked here.
-    if (socket < 0) return false;
+    if (socket < 0) return nullptr;
     if (mode_.load() == serverMode) {
         std::lock_guard clients(clientsLock);
-        return std::find(activeSockets.begin(), activeSockets.end(), socket) != activeSockets.end();
+        for (const auto& client : activeConnections) {
+            if (client->socket == socket) return client;
+        }
+        return nullptr;
     }
-    return socketState_.load() == 1 && _socket.load() == socket;
+    if (socketState_.load() != 1 || _socket.load() != socket) return nullptr;
+    return clientConnection && clientConnection->socket == socket ? clientConnection : nullptr;
+}
+
+bool QBLumentideIPC::sendBytes(int socket, const std::string& bytes) {
+    return writeInPieces(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size(),
+                         [socket](const std::uint8_t* piece, std::size_t length) { return sendSome(socket, piece, length); });
+}
+
+void QBLumentideIPC::enlistWaiter(WaitingEntry& entry) {
+    Connection& connection = *entry.connection;
+    std::lock_guard guard(connection.lock);
+    connection.waiters.push_back(&entry);
 }
 
 std::optional<json> QBLumentideIPC::awaitReply(const std::string& messageId, WaitingEntry& entry) {
+    Connection& connection = *entry.connection;
     bool replied;
     {
-        std::unique_lock entryGuard(entry.lock);
-        entry.condition.wait(entryGuard, [&] {
-            return entry.replied || entry.abandoned || shutdownRequested.load();
-        });
+        std::unique_lock guard(connection.lock);
+        for (;;) {
+            if (entry.replied || entry.abandoned || connection.ended || shutdownRequested.load()) break;
+            if (mayLead(connection)) {
+                lead(entry, guard);
+            } else {
+                entry.condition.wait(guard);
+            }
+        }
         replied = entry.replied && !shutdownRequested.load();
+        std::erase(connection.waiters, &entry);
+        handOff(connection);
     }
     // Out of the waiting list first: a late duplicate can then no longer be stored.
     std::lock_guard waiting(waitingLock);
@@ -609,6 +829,54 @@ std::optional<json> QBLumentideIPC::awaitReply(const std::string& messageId, Wai
     return content;
 }
 
+bool QBLumentideIPC::mayLead(const Connection& connection) const {
+    // Not while the reader thread watches the socket: it will read what comes (and then step
+    // aside). A full command queue pauses reading until the reader thread catches up, as a busy
+    // reader thread did; its own requests (a delegate that asks something) may always read on.
+    return !connection.tokenHeld && !connection.readerWatching &&
+           (connection.commands.size() < maximumQueuedCommands || connection.readerThread == std::this_thread::get_id());
+}
+
+void QBLumentideIPC::lead(WaitingEntry& entry, std::unique_lock<std::mutex>& guard) {
+    Connection& connection = *entry.connection;
+    connection.tokenHeld = true;
+    entry.leading = true;
+    guard.unlock();
+    // Each descriptor watched costs a wait-queue entry made and removed per call. A client
+    // endpoint has one connection, so no answer can come on another, and its shutdown shuts
+    // the socket down: the socket alone wakes its leaders in every case.
+    pollfd watched[2] = {{connection.socket, POLLIN, 0}, {connection.leaderKick, POLLIN, 0}};
+    const int ready = ::poll(watched, mode_.load() == serverMode ? 2 : 1, -1);
+    if (ready > 0 && watched[1].revents != 0) drainKicks(connection.leaderKick);
+    const bool open = ready <= 0 || watched[0].revents == 0 || receiveFrames(connection);
+    guard.lock();
+    connection.tokenHeld = false;
+    entry.leading = false;
+    if (!open) markEnded(connection);
+}
+
+void QBLumentideIPC::handOff(Connection& connection) {
+    // Called with the connection's lock held whenever the token may have become free.
+    if (connection.ended) {
+        for (WaitingEntry* waiter : connection.waiters) waiter->condition.notify_one();
+        connection.readerWake.notify_one();
+        return;
+    }
+    if (connection.tokenHeld) return;
+    for (WaitingEntry* waiter : connection.waiters) {
+        if (!waiter->replied && !waiter->abandoned) {
+            waiter->condition.notify_one();  // the next leader
+            return;
+        }
+    }
+    if (connection.waiters.empty() && connection.readerNeedsCall) connection.readerWake.notify_one();
+}
+
+void QBLumentideIPC::markEnded(Connection& connection) {
+    connection.ended = true;
+    handOff(connection);
+}
+
 void QBLumentideIPC::forgetWaitingEntry(const std::string& messageId) {
     std::lock_guard waiting(waitingLock);
     waitingMessages.erase(messageId);
@@ -618,99 +886,195 @@ void QBLumentideIPC::forgetWaitingEntry(const std::string& messageId) {
 // Reading
 
 void QBLumentideIPC::processMessages(int socket) {
-    const bool served = enterReaderLoop(socket);
+    const std::shared_ptr<Connection> connection = connectionForReader(socket);
+    const bool served = enterReaderLoop(connection);
     if (served) {
         if (const auto current = delegate()) current->clientConnected(*this);
         setBlocking(socket);
-        ReceiveBuffer received(socket);
-        const ReceiveCall receive = [&received](std::uint8_t* bytes, std::size_t length) {
-            return received.receive(bytes, length);
-        };
-        while (!shutdownRequested.load()) {
-            std::optional<json> envelope = readFrame(receive);
-            if (!envelope) break;
-            handleEnvelope(*envelope, socket);
-        }
+        runReader(*connection);
     }
-    endConnection(socket);
+    endConnection(*connection);
     if (mode_.load() != serverMode) shutdown();
     if (served) {
         if (const auto current = delegate()) current->clientDisconnected(*this);
     }
 }
 
-bool QBLumentideIPC::enterReaderLoop(int socket) {
+std::shared_ptr<QBLumentideIPC::Connection> QBLumentideIPC::connectionForReader(int socket) {
+    if (mode_.load() != serverMode) {
+        std::lock_guard endpoint(endpointLock);
+        if (clientConnection && clientConnection->socket == socket) return clientConnection;
+    }
+    return std::make_shared<Connection>(socket);
+}
+
+bool QBLumentideIPC::enterReaderLoop(const std::shared_ptr<Connection>& connection) {
+    if (!connection->isUsable()) return false;
+    {
+        std::lock_guard guard(connection->lock);
+        connection->readerThread = std::this_thread::get_id();
+    }
     if (mode_.load() != serverMode) return !shutdownRequested.load();
     // Checked under the same lock as the teardown's sweep: a reader either joins the list
     // before the sweep or sees the flag and serves nothing.
     std::lock_guard clients(clientsLock);
     if (shutdownRequested.load()) return false;
-    activeSockets.push_back(socket);
+    activeConnections.push_back(connection);
     return true;
 }
 
-void QBLumentideIPC::endConnection(int socket) {
-    // Releases a writer blocked on a peer that no longer reads, before the endpoint lock is taken.
-    ::shutdown(socket, SHUT_RDWR);
+void QBLumentideIPC::runReader(Connection& connection) {
+    std::unique_lock guard(connection.lock);
+    bool stepAside = false;  // this thread has just read an answer: let the next senders lead
+    bool longWait = false;   // the last short wait ran out while senders still waited
+    while (!connection.ended && !shutdownRequested.load()) {
+        if (!connection.commands.empty()) {
+            json envelope = std::move(connection.commands.front());
+            connection.commands.pop_front();
+            guard.unlock();
+            handleCommand(envelope, connection.socket);
+            guard.lock();
+            handOff(connection);  // a leader may have paused for the full queue
+            continue;
+        }
+        if (stepAside || connection.tokenHeld || !connection.waiters.empty()) {
+            // Senders read for themselves meanwhile. Under a stream of requests, being called
+            // back whenever the last of them leaves would cost a wake-up per round trip; so the
+            // thread first looks again by itself after readerResumeDelay, and only when senders
+            // still wait then does it ask to be called back.
+            if (longWait) {
+                connection.readerNeedsCall = true;
+                connection.readerWake.wait(guard);
+                connection.readerNeedsCall = false;
+                longWait = false;
+            } else {
+                longWait = connection.readerWake.wait_for(guard, readerResumeDelay) == std::cv_status::timeout;
+            }
+            stepAside = false;
+            continue;
+        }
+        longWait = false;
+        // No sender leads while this thread watches (see mayLead), so that a command or answer
+        // that arrives always finds this thread awake: only the socket needs watching.
+        connection.readerWatching = true;
+        guard.unlock();
+        pollfd watched{connection.socket, POLLIN, 0};
+        const int ready = ::poll(&watched, 1, -1);
+        guard.lock();
+        connection.readerWatching = false;
+        if (ready <= 0 || connection.tokenHeld) continue;
+        connection.tokenHeld = true;
+        const std::uint64_t answeredBefore = connection.answersRead;
+        guard.unlock();
+        const bool open = receiveFrames(connection);
+        guard.lock();
+        connection.tokenHeld = false;
+        if (!open) connection.ended = true;
+        // Senders that waited while this thread watched read for themselves from now on.
+        stepAside = connection.answersRead != answeredBefore || !connection.waiters.empty();
+        handOff(connection);
+    }
+}
+
+bool QBLumentideIPC::receiveFrames(Connection& connection) {
+    // Called with the token held and no lock. The socket stays blocking for the peer's sake;
+    // every receive here is told not to wait, as poll() has just found input (or the end).
+    const std::span<std::uint8_t> space = connection.input.space();
+    const std::ptrdiff_t got = receiveNow(connection.socket, space.data(), space.size());
+    if (got == 0) return false;
+    if (got < 0) return errno == EAGAIN || errno == EWOULDBLOCK;
+    connection.input.received(static_cast<std::size_t>(got));
+    for (;;) {
+        std::string_view body;
+        InboundFrames::Step step = connection.input.next(body, false);
+        if (step == InboundFrames::Step::needTopUp) {
+            const std::span<std::uint8_t> more = connection.input.space();
+            const std::ptrdiff_t extra = receiveNow(connection.socket, more.data(), more.size());
+            if (extra > 0) connection.input.received(static_cast<std::size_t>(extra));
+            step = connection.input.next(body, true);
+        }
+        if (step == InboundFrames::Step::needInput) return true;
+        if (step == InboundFrames::Step::broken) return false;
+        std::optional<json> envelope = decodeEnvelope(body);
+        if (!envelope) return false;
+        handleEnvelope(*envelope, connection);
+    }
+}
+
+void QBLumentideIPC::endConnection(Connection& connection) {
+    // Wakes a leader blocked in poll() and a writer blocked on a peer that no longer reads.
+    ::shutdown(connection.socket, SHUT_RDWR);
+    {
+        std::unique_lock guard(connection.lock);
+        markEnded(connection);  // every waiting sender of this connection gives up
+        connection.readerWake.wait(guard, [&] { return !connection.tokenHeld; });
+    }
     std::lock_guard endpoint(endpointLock);
     if (mode_.load() == serverMode) {
         std::lock_guard clients(clientsLock);
-        activeSockets.erase(std::remove(activeSockets.begin(), activeSockets.end(), socket),
-                            activeSockets.end());
+        std::erase_if(activeConnections, [&](const auto& client) { return client.get() == &connection; });
     } else {
         std::lock_guard socketGuard(socketLock);
-        if (_socket.load() == socket) _socket.store(-1);
+        if (_socket.load() == connection.socket) _socket.store(-1);
         socketState_.store(0);
+        if (clientConnection.get() == &connection) clientConnection.reset();
     }
-    // Before the close: once the number is free, a new connection may get it.
-    wakeWaiters([socket](const WaitingEntry& entry) { return entry.socket == socket; });
-    ::close(socket);
+    // Once the number is free, a new connection may get it; nothing here uses it any more.
+    ::close(connection.socket);
 }
 
-void QBLumentideIPC::handleEnvelope(json& envelope, int socket) {
+void QBLumentideIPC::handleEnvelope(json& envelope, Connection& connection) {
     if (!isValidEnvelope(envelope)) return;
     if (envelope["command"].get_ref<const std::string&>() == replyCommand) {
-        matchReply(envelope);
+        matchReply(envelope, connection);
         return;
     }
-    answerCommand(envelope, socket);
+    std::lock_guard guard(connection.lock);
+    connection.commands.push_back(std::move(envelope));
+    connection.readerWake.notify_one();
 }
 
-void QBLumentideIPC::answerCommand(const json& envelope, int socket) {
+void QBLumentideIPC::handleCommand(const json& envelope, int socket) {
     const std::string& command = envelope["command"].get_ref<const std::string&>();
     const std::string& messageId = envelope["messageid"].get_ref<const std::string&>();
     const json& content = envelope["content"];
     const auto handler = delegate();
     if (!handler || !handler->validateCommand(command, content, *this)) {
-        sendMessage(replyCommand, json{{"status", "INVALID"}, {"message", envelope}}, messageId, false, socket);
+        transmit(replyCommand, json{{"status", "INVALID"}, {"message", envelope}}, &messageId, false, socket);
         QBLog::log("Invalid command");
         return;
     }
     std::optional<json> answer = handler->processCommand(command, content, socket, *this);
     if (!answer || !answer->is_object()) answer = json{{"status", "OK"}};
-    sendMessage(replyCommand, *answer, messageId, false, socket);
+    transmit(replyCommand, *answer, &messageId, false, socket);
 }
 
-void QBLumentideIPC::matchReply(json& envelope) {
+void QBLumentideIPC::matchReply(json& envelope, Connection& readingOn) {
     const auto replyId = envelope.find("replyid");
     if (replyId == envelope.end() || !replyId->is_string()) return;
     const std::string& id = replyId->get_ref<const std::string&>();
     std::shared_ptr<WaitingEntry> entry;
+    bool leadingElsewhere;
     {
         std::lock_guard waiting(waitingLock);
         const auto found = waitingMessages.find(id);
         if (found == waitingMessages.end()) return;
         entry = found->second;
+        ++readingOn.answersRead;
         {
             std::lock_guard replies(repliesLock);
             messageReplies[id] = std::move(envelope["content"]);
         }
-        std::lock_guard entryGuard(entry->lock);
+        std::lock_guard guard(entry->connection->lock);
         entry->replied = true;
+        // A sender that leads on this connection is the thread that runs here; one that leads
+        // on another waits in poll() there.
+        leadingElsewhere = entry->leading && entry->connection.get() != &readingOn;
     }
-    // Signalled after the waiting-list lock is released: the woken sender takes that lock at
-    // once to collect its answer, and would otherwise block on this thread a second time.
-    entry->condition.notify_all();
+    // Signalled after the locks are released: the woken sender takes them at once to collect
+    // its answer, and would otherwise block on this thread a second time.
+    if (leadingElsewhere) kick(entry->connection->leaderKick);
+    entry->condition.notify_one();
 }
 
 std::optional<json> QBLumentideIPC::getMessage(int socket) {
@@ -740,14 +1104,7 @@ std::vector<std::uint8_t> QBLumentideIPC::frameWithEnvelope(const json& envelope
 }
 
 bool QBLumentideIPC::writeFrame(const std::vector<std::uint8_t>& frame, const SendCall& send) {
-    std::size_t written = 0;
-    while (written < frame.size()) {
-        const std::size_t piece = std::min(frame.size() - written, transferChunkSize);
-        const std::ptrdiff_t accepted = send(frame.data() + written, piece);
-        if (accepted <= 0) return false;
-        written += static_cast<std::size_t>(accepted);
-    }
-    return true;
+    return writeInPieces(frame.data(), frame.size(), send);
 }
 
 std::optional<json> QBLumentideIPC::readFrame(const ReceiveCall& receive) {
@@ -767,10 +1124,7 @@ std::optional<json> QBLumentideIPC::readFrame(const ReceiveCall& receive) {
         if (got <= 0) return std::nullopt;
         received += static_cast<std::size_t>(got);
     }
-    if (nestsDeeperThan(body.data(), body.size(), maximumNestingDepth)) return std::nullopt;
-    json envelope = json::parse(body.begin(), body.end(), nullptr, false);
-    if (envelope.is_discarded() || !envelope.is_object()) return std::nullopt;
-    return envelope;
+    return decodeEnvelope({reinterpret_cast<const char*>(body.data()), body.size()});
 }
 
 bool QBLumentideIPC::isValidEnvelope(const json& envelope) {

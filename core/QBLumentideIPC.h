@@ -9,23 +9,41 @@
 // "messageid", "content" and, in replies, "replyid". Every message sent by an endpoint, replies
 // included, takes the next id of its counter (1, 2, ..., 2147483647, 0, 1, ...).
 //
+// Reading: each connection has a read token; only its holder receives from the socket. A
+// sender that waits for an answer takes the token when it is free and reads the connection
+// itself (it leads): so the answer wakes only the thread that waits for it. On the way a
+// leader completes other senders' answers (they may also arrive on another connection of the
+// endpoint) and queues commands for the connection's reader thread. The reader thread hands
+// every command to the delegate, one at a time in order of arrival, and writes the replies in
+// that order. It watches the socket itself only while no sender waits on the connection, and
+// no sender leads while it watches; once it has read an answer for a waiting sender it steps
+// aside, so that the next senders lead, and it takes the socket up again at most
+// readerResumeDelay after the last of them has left.
+//
 // Invariants:
 //  - Every client descriptor is closed exactly once, by the reader thread of its connection,
-//    while it holds the endpoint lock and after it has taken the descriptor out of the client
-//    list (server) or out of _socket (client). Everyone else only wakes a reader, with
-//    shutdown(2), and only while the descriptor is known to be open.
+//    while it holds the endpoint lock, after it has taken the descriptor out of the client list
+//    (server) or out of _socket (client), and after it has marked the connection ended and
+//    seen its read token free, so no leader polls or reads it any more. Everyone else only
+//    wakes its users, with shutdown(2), and only while the descriptor is known to be open.
 //  - A sender that waits for a reply returns nothing as soon as the endpoint shuts down or the
 //    connection that carries its request ends; a reply that arrived first still wins over the
-//    end of its connection.
+//    end of its connection. Each of these events reaches a leader in poll() through its socket
+//    (shutdown(2)) or its connection's eventfd, and a sender that does not lead through its
+//    condition.
 //  - The shutdown flag is set once (atomic exchange); the rest of shutdown() runs once.
 //
 // Threads: any thread may call any public operation. Every thread the endpoint starts holds a
 // shared_ptr to it, so an endpoint lives until its last thread ends; waitForThreads() lets an
-// owner (tests, an orderly exit) wait for that moment. Delegate operations run on reader threads.
+// owner (tests, an orderly exit) wait for that moment. Delegate operations run on reader threads;
+// a delegate may itself send a request and wait for its answer.
 //
 // Lock order (outermost first): endpointLock, clientsLock, socketLock, waitingLock, repliesLock,
-// then a waiting entry's own lock. wakeLock, delegateLock, selfLock and the thread tracker's
-// lock are leaves. No lock is held while waiting for a reply or while blocked in a read.
+// then a connection's lock, which also guards the state of the waiting entries of requests sent
+// on it (each entry's condition waits on it). wakeLock, delegateLock, selfLock and the thread
+// tracker's lock are leaves. No lock is held while waiting for a reply or while blocked in
+// poll() or a read; endpointLock is held while a frame is written, so that frames never
+// interleave.
 //
 //   auto ipc = QBLumentideIPC::initWithSocketPath("/run/example.socket", false);
 //   ipc->startServerOnThread();
@@ -176,9 +194,10 @@ public:
     // Client: one-way message on the connection.
     void sendMessageAndDontWait(const std::string& command, const nlohmann::json& data);
 
-    // The reader loop of one connection; takes over the descriptor and closes it at the end. It
-    // reads frames as getMessage() does, through a buffer that keeps bytes which arrived beyond
-    // the current frame for the next one.
+    // The reader loop of one connection; takes over the descriptor and closes it at the end.
+    // Frames on it are read with getMessage()'s rules (length bytes that the peer wrote apart
+    // end the connection), through one buffer per connection that keeps bytes which arrived
+    // beyond a frame for the next one, whichever thread holds the read token.
     void processMessages(int socket);
     // Reads one frame from the descriptor, without reading past it; nothing when the connection
     // has ended or the frame is unreadable (zero or too long a length, length bytes split
@@ -213,8 +232,21 @@ public:
     bool isShutdown() const { return shutdownRequested.load(); }
 
 private:
+    struct Connection;
     struct WaitingEntry;
+    struct OutgoingFrame;
     class ThreadTracker;
+
+    // Commands that waiting senders read while the delegate is busy wait for it in a queue of
+    // at most about this many (one receive call may add a few more); then reading pauses until
+    // the reader thread catches up, which bounds what a peer that floods commands can make an
+    // endpoint hold.
+    static constexpr std::size_t maximumQueuedCommands = 64;
+    // How long the reader thread of a connection may stay off it after the last waiting
+    // sender has left. Under a stream of requests it so stays away instead of being woken and
+    // pushed aside again each round trip; a command that the peer sends while nobody reads
+    // waits this long at worst.
+    static constexpr std::chrono::milliseconds readerResumeDelay{2};
 
     bool startTrackedThread(std::function<void(QBLumentideIPC&)> job);
     bool obtainListeningSocket();
@@ -225,18 +257,27 @@ private:
     void releaseListeningSocket();
     void closeWakePipe();
 
-    bool isOpenConnection(int socket) const;
-    std::vector<std::uint8_t> frameForMessage(const std::string& command, const nlohmann::json& content,
-                                              const std::optional<std::string>& replyId);
+    std::optional<nlohmann::json> transmit(const std::string& command, const nlohmann::json& content,
+                                           const std::string* replyId, bool getReply, int toSocket);
+    std::shared_ptr<Connection> openConnection(int socket) const;
+    static bool sendBytes(int socket, const std::string& bytes);
+    void enlistWaiter(WaitingEntry& entry);
     std::optional<nlohmann::json> awaitReply(const std::string& messageId, WaitingEntry& entry);
+    bool mayLead(const Connection& connection) const;
+    void lead(WaitingEntry& entry, std::unique_lock<std::mutex>& guard);
+    static void handOff(Connection& connection);
+    static void markEnded(Connection& connection);
     void forgetWaitingEntry(const std::string& messageId);
+    void abandonWaiters();
 
-    bool enterReaderLoop(int socket);
-    void handleEnvelope(nlohmann::json& envelope, int socket);
-    void answerCommand(const nlohmann::json& envelope, int socket);
-    void matchReply(nlohmann::json& envelope);
-    void endConnection(int socket);
-    void wakeWaiters(const std::function<bool(const WaitingEntry&)>& concerned);
+    std::shared_ptr<Connection> connectionForReader(int socket);
+    bool enterReaderLoop(const std::shared_ptr<Connection>& connection);
+    void runReader(Connection& connection);
+    bool receiveFrames(Connection& connection);
+    void handleEnvelope(nlohmann::json& envelope, Connection& connection);
+    void handleCommand(const nlohmann::json& envelope, int socket);
+    void matchReply(nlohmann::json& envelope, Connection& readingOn);
+    void endConnection(Connection& connection);
 
     const std::string _path;
     const bool useLaunchdSocket;
@@ -247,13 +288,16 @@ private:
     std::atomic<bool> shutdownRequested{false};
     std::atomic<bool> serverLoopStarted{false};
 
-    // Serialises whole sends and the close of client descriptors; guards lastMessageId_.
+    // Serialises whole sends and the close of client descriptors; guards lastMessageId_,
+    // outgoing and clientConnection.
     mutable std::mutex endpointLock;
     std::int32_t lastMessageId_ = 0;
+    std::unique_ptr<OutgoingFrame> outgoing;
+    std::shared_ptr<Connection> clientConnection;  // client mode: the connection of _socket
 
-    // Guards activeSockets (server mode: the connected clients, in the order they connected).
+    // Guards activeConnections (server mode: the connected clients, in the order they connected).
     mutable std::mutex clientsLock;
-    std::vector<int> activeSockets;
+    std::vector<std::shared_ptr<Connection>> activeConnections;
 
     // Client mode: held to shut down _socket while it is open and by the reader when it gives
     // _socket up, so that shutdown() never touches a descriptor that was closed.

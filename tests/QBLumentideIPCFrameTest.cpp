@@ -77,7 +77,10 @@ TEST(QBLumentideIPCFrameTest, UnreadableFramesGiveNothingAndLimitsAreInclusive) 
     const std::pair<const char*, std::vector<std::uint8_t>> unreadable[] = {
         {"nothing", {}}, {"body cut short", truncated}, {"invalid UTF-8", RawFramePeer::frame("{\"a\":\"\xC3\x28\"}")},
         {"length past the limit", header(QBLumentideIPC::maximumFrameBodyLength + 1)}, {"largest length", header(UINT32_MAX)},
-        {"nesting past the limit", RawFramePeer::frame(nested(QBLumentideIPC::maximumNestingDepth + 1))}};
+        {"nesting past the limit", RawFramePeer::frame(nested(QBLumentideIPC::maximumNestingDepth + 1))},
+        {"nesting past the limit after a string that ends in a backslash",
+         RawFramePeer::frame(R"({"a":"\\","b":)" + std::string(QBLumentideIPC::maximumNestingDepth, '[') +
+                             std::string(QBLumentideIPC::maximumNestingDepth, ']') + "}")}};
     for (const auto& [name, bytes] : unreadable) EXPECT_EQ(readFrom(bytes), std::nullopt) << name;
 
     EXPECT_TRUE(readFrom(RawFramePeer::frame(nested(QBLumentideIPC::maximumNestingDepth))));
