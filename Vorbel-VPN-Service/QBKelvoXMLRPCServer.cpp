@@ -309,8 +309,12 @@ QBKelvoXMLRPCServer::Step QBKelvoXMLRPCServer::readHTTPRequest(std::string_view 
         return Wait{headerStage, settings_.headerBlockTimeout};
     }
     const auto blockLength = terminator + headerBlockTerminator.size();
-    const auto block = pending.substr(0, blockLength);
-    if (blockLength > maxHeaderBlockLength || !QBText::isValidUTF8(block)) return Close{};
+    if (blockLength > maxHeaderBlockLength) return Close{};
+    // The block is consumed whole, but as text it ends at its first NUL byte, as a C string
+    // read from the socket does: nothing after a NUL is a header.
+    auto block = pending.substr(0, blockLength);
+    block = block.substr(0, block.find('\0'));
+    if (!QBText::isValidUTF8(block)) return Close{};
     const auto head = parseRequestHead(block);
     if (head.requestLine.size() < 2) return Close{};
     const auto& method = head.requestLine[0];

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <systemd/sd-daemon.h>
@@ -29,9 +30,10 @@ using nlohmann::json;
 void QBLumentideIPCDelegate::clientConnected(QBLumentideIPC&) {}
 void QBLumentideIPCDelegate::clientDisconnected(QBLumentideIPC&) {}
 
-// The frame of the message being sent, written into one buffer that every send reuses, by one
-// serializer that lives as long as the endpoint: building an envelope object and dumping it
-// into a fresh string costs several times as much. Guarded by endpointLock.
+// The frame of the message being sent on a connection, written into one buffer that every send
+// on it reuses, by one serializer that lives as long as the connection: building an envelope
+// object and dumping it into a fresh string costs several times as much. Guarded by the
+// connection's writeLock.
 struct QBLumentideIPC::OutgoingFrame {
     std::string bytes;
     nlohmann::detail::serializer<json> writer{nlohmann::detail::output_adapter<char>(bytes), ' ',
@@ -58,6 +60,12 @@ struct QBLumentideIPC::OutgoingFrame {
         for (std::size_t i = 0; i < 4; ++i) bytes[1 + i] = static_cast<char>((length >> (8 * i)) & 0xFF);
         return true;
     }
+
+    // A long frame made the buffer grow; an idle connection does not keep that much.
+    void release() {
+        if (bytes.capacity() > retainedSize) std::string().swap(bytes);
+    }
+    static constexpr std::size_t retainedSize = 64 * 1024;
 
     // Names and ids are mostly printable ASCII that needs no escaping, and are then copied as
     // they are; anything else goes through the serializer.
@@ -159,9 +167,10 @@ std::string compactJSON(const json& value) {
     return value.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
-std::ptrdiff_t sendSome(int socket, const std::uint8_t* bytes, std::size_t length) {
+// What the socket takes now, without waiting: -1 with EAGAIN when it has no room.
+std::ptrdiff_t sendNow(int socket, const std::uint8_t* bytes, std::size_t length) {
     for (;;) {
-        const ssize_t sent = ::send(socket, bytes, length, MSG_NOSIGNAL);
+        const ssize_t sent = ::send(socket, bytes, length, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent < 0 && errno == EINTR) continue;
         return sent;
     }
@@ -330,6 +339,13 @@ struct QBLumentideIPC::Connection {
     // Guarded by the token.
     InboundFrames input;
     std::uint64_t answersRead = 0;  // answers matched to waiting senders
+
+    // Held for a whole send on this connection: from taking the message id to the last byte
+    // written, so that frames never interleave and ids leave in the order they are made. Also
+    // held to close the descriptor. Comes before endpointLock in the lock order.
+    std::mutex writeLock;
+    bool closed = false;    // guarded by writeLock: the descriptor is closed, nothing is written
+    OutgoingFrame outgoing; // guarded by writeLock
 };
 
 // A request whose sender waits for its answer. Its flags are guarded by its connection's lock,
@@ -362,7 +378,6 @@ std::shared_ptr<QBLumentideIPC> QBLumentideIPC::initWithSocketPath(const std::st
 QBLumentideIPC::QBLumentideIPC(ConstructionKey, std::string path, bool useLaunchdSocket)
     : _path(std::move(path)),
       useLaunchdSocket(useLaunchdSocket),
-      outgoing(std::make_unique<OutgoingFrame>()),
       threads(std::make_shared<ThreadTracker>()) {}
 
 QBLumentideIPC::~QBLumentideIPC() {
@@ -374,19 +389,40 @@ QBLumentideIPC::~QBLumentideIPC() {
 }
 
 bool QBLumentideIPC::startTrackedThread(std::function<void(QBLumentideIPC&)> job) {
-    auto tracker = threads;
-    tracker->starting();
-    try {
-        std::thread([tracker, self = shared_from_this(), job = std::move(job)]() mutable {
-            job(*self);
-            self.reset();  // the endpoint may end here, before the thread reports its own end
-            tracker->ended();
-        }).detach();
-        return true;
-    } catch (const std::system_error&) {
+    struct Start {
+        std::shared_ptr<ThreadTracker> tracker;
+        std::shared_ptr<QBLumentideIPC> self;
+        std::function<void(QBLumentideIPC&)> job;
+    };
+    auto start = std::make_unique<Start>(Start{threads, shared_from_this(), std::move(job)});
+    start->tracker->starting();
+    const auto run = [](void* argument) -> void* {
+        std::unique_ptr<Start> own(static_cast<Start*>(argument));
+        try {
+            own->job(*own->self);
+        } catch (...) {
+            // The thread ends with what it was doing; the endpoint and the process go on.
+        }
+        const auto tracker = own->tracker;
+        own.reset();  // the endpoint may end here, before the thread reports its own end
         tracker->ended();
+        return nullptr;
+    };
+    pthread_attr_t attributes;
+    bool started = ::pthread_attr_init(&attributes) == 0;
+    if (started) {
+        ::pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+        ::pthread_attr_setstacksize(&attributes, threadStackSize);
+        pthread_t thread;
+        started = ::pthread_create(&thread, &attributes, run, start.get()) == 0;
+        ::pthread_attr_destroy(&attributes);
+    }
+    if (!started) {
+        start->tracker->ended();
         return false;
     }
+    start.release();  // the thread owns it now
+    return true;
 }
 
 bool QBLumentideIPC::waitForThreads(std::chrono::milliseconds timeout) const {
@@ -555,17 +591,42 @@ void QBLumentideIPC::runAcceptLoop() {
                     ::close(client);  // accepted after shutdown was asked for: not served
                     return;
                 }
-                if (!startTrackedThread([client](QBLumentideIPC& endpoint) {
-                        endpoint.processMessages(client);
-                    })) {
-                    ::close(client);
-                }
+                serveClient(client);
             } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
                 pauseAfterFailedAccept();
             }
         }
         if (shutdownRequested.load()) return;
     }
+}
+
+void QBLumentideIPC::serveClient(int client) {
+    // Counted until its reader thread has ended, so that threads and descriptors stay bounded
+    // even while connections are being torn down.
+    if (servedClients.load() >= maximumClients) {
+        ::close(client);
+        noteRefusedClient();
+        return;
+    }
+    ++servedClients;
+    if (!startTrackedThread([client](QBLumentideIPC& endpoint) {
+            struct Uncount {
+                std::atomic<int>& count;
+                ~Uncount() { --count; }
+            } uncount{endpoint.servedClients};
+            endpoint.processMessages(client);
+        })) {
+        --servedClients;
+        ::close(client);
+    }
+}
+
+void QBLumentideIPC::noteRefusedClient() {
+    // Runs on the accept loop's thread only. A flood of connections logs one line per interval.
+    const auto now = std::chrono::steady_clock::now();
+    if (lastRefusalLogged && now - *lastRefusalLogged < refusalLogInterval) return;
+    lastRefusalLogged = now;
+    QBLog::log("Too many clients; connection refused");
 }
 
 void QBLumentideIPC::pauseAfterFailedAccept() {
@@ -619,7 +680,8 @@ bool QBLumentideIPC::shutdownIfNoClients() {
 }
 
 void QBLumentideIPC::disconnectClient(int socket) {
-    // Under the endpoint lock no frame is cut in the middle.
+    // Under the endpoint lock the descriptor is still open: a connection leaves the client list
+    // under it before its descriptor is closed.
     std::lock_guard endpoint(endpointLock);
     if (openConnection(socket)) ::shutdown(socket, SHUT_RDWR);
 }
@@ -745,23 +807,35 @@ std::optional<json> QBLumentideIPC::transmit(const std::string& command, const j
     if (!content.is_object()) return std::nullopt;
     if (replyId) getReply = false;
 
+    std::shared_ptr<Connection> connection;
+    {
+        std::lock_guard endpoint(endpointLock);
+        connection = openConnection(toSocket);
+    }
+    if (!connection) return std::nullopt;
+
     std::shared_ptr<WaitingEntry> entry;
     std::string messageId;
     bool written;
     {
-        std::lock_guard endpoint(endpointLock);
-        const std::shared_ptr<Connection> connection = openConnection(toSocket);
-        if (!connection) return std::nullopt;
-        lastMessageId_ = nextMessageId(lastMessageId_);
-        messageId = std::to_string(lastMessageId_);
-        const bool framed = outgoing->encode(command, messageId, content, replyId);
+        // Only this connection's senders wait here: a peer that does not read holds up no one
+        // else, and no longer than frameWriteTimeout.
+        std::lock_guard writing(connection->writeLock);
+        if (connection->closed) return std::nullopt;
+        {
+            std::lock_guard endpoint(endpointLock);
+            lastMessageId_ = nextMessageId(lastMessageId_);
+            messageId = std::to_string(lastMessageId_);
+        }
+        const bool framed = connection->outgoing.encode(command, messageId, content, replyId);
         if (getReply && framed) {
             // Registered before the first byte leaves, so that no answer can come too early.
             entry = std::make_shared<WaitingEntry>(connection);
             std::lock_guard waiting(waitingLock);
             waitingMessages[messageId] = entry;
         }
-        written = framed && sendBytes(toSocket, outgoing->bytes);
+        written = framed && writeWithinBound(connection->socket, connection->outgoing.bytes);
+        connection->outgoing.release();
     }
     if (!written) {
         if (entry) forgetWaitingEntry(messageId);
@@ -775,8 +849,8 @@ std::optional<json> QBLumentideIPC::transmit(const std::string& command, const j
 }
 
 std::shared_ptr<QBLumentideIPC::Connection> QBLumentideIPC::openConnection(int socket) const {
-    // Called with endpointLock held; the reader of a connection closes its descriptor only under
-    // that lock and after taking it out of the places checked here.
+    // Called with endpointLock held; a connection leaves the places checked here under that
+    // lock, before its descriptor is closed (under its writeLock).
     if (socket < 0) return nullptr;
     if (mode_.load() == serverMode) {
         std::lock_guard clients(clientsLock);
@@ -789,9 +863,27 @@ std::shared_ptr<QBLumentideIPC::Connection> QBLumentideIPC::openConnection(int s
     return clientConnection && clientConnection->socket == socket ? clientConnection : nullptr;
 }
 
-bool QBLumentideIPC::sendBytes(int socket, const std::string& bytes) {
-    return writeInPieces(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size(),
-                         [socket](const std::uint8_t* piece, std::size_t length) { return sendSome(socket, piece, length); });
+bool QBLumentideIPC::writeWithinBound(int socket, const std::string& bytes) {
+    const auto deadline = std::chrono::steady_clock::now() + frameWriteTimeout;
+    const bool written = writeInPieces(
+        reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size(),
+        [socket, deadline](const std::uint8_t* piece, std::size_t length) -> std::ptrdiff_t {
+            for (;;) {
+                const std::ptrdiff_t sent = sendNow(socket, piece, length);
+                if (sent >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) return sent;
+                const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                    deadline - std::chrono::steady_clock::now());
+                pollfd room{socket, POLLOUT, 0};
+                if (left.count() <= 0 || ::poll(&room, 1, static_cast<int>(left.count()) + 1) == 0) {
+                    errno = ETIMEDOUT;
+                    return -1;
+                }
+            }
+        });
+    // A peer that takes nothing for so long is not reading: end its connection (its reader
+    // tears it down, and every sender waiting on it gets nothing).
+    if (!written && errno == ETIMEDOUT) ::shutdown(socket, SHUT_RDWR);
+    return written;
 }
 
 void QBLumentideIPC::enlistWaiter(WaitingEntry& entry) {
@@ -889,14 +981,22 @@ void QBLumentideIPC::processMessages(int socket) {
     const std::shared_ptr<Connection> connection = connectionForReader(socket);
     const bool served = enterReaderLoop(connection);
     if (served) {
-        if (const auto current = delegate()) current->clientConnected(*this);
+        notifyDelegate(&QBLumentideIPCDelegate::clientConnected);
         setBlocking(socket);
         runReader(*connection);
     }
     endConnection(*connection);
     if (mode_.load() != serverMode) shutdown();
-    if (served) {
-        if (const auto current = delegate()) current->clientDisconnected(*this);
+    if (served) notifyDelegate(&QBLumentideIPCDelegate::clientDisconnected);
+}
+
+void QBLumentideIPC::notifyDelegate(void (QBLumentideIPCDelegate::*notification)(QBLumentideIPC&)) {
+    const auto current = delegate();
+    if (!current) return;
+    try {
+        (current.get()->*notification)(*this);
+    } catch (...) {
+        // A delegate that throws loses its notification, not the connection.
     }
 }
 
@@ -1009,16 +1109,22 @@ void QBLumentideIPC::endConnection(Connection& connection) {
         markEnded(connection);  // every waiting sender of this connection gives up
         connection.readerWake.wait(guard, [&] { return !connection.tokenHeld; });
     }
-    std::lock_guard endpoint(endpointLock);
-    if (mode_.load() == serverMode) {
-        std::lock_guard clients(clientsLock);
-        std::erase_if(activeConnections, [&](const auto& client) { return client.get() == &connection; });
-    } else {
-        std::lock_guard socketGuard(socketLock);
-        if (_socket.load() == connection.socket) _socket.store(-1);
-        socketState_.store(0);
-        if (clientConnection.get() == &connection) clientConnection.reset();
+    {
+        std::lock_guard endpoint(endpointLock);
+        if (mode_.load() == serverMode) {
+            std::lock_guard clients(clientsLock);
+            std::erase_if(activeConnections, [&](const auto& client) { return client.get() == &connection; });
+        } else {
+            std::lock_guard socketGuard(socketLock);
+            if (_socket.load() == connection.socket) _socket.store(-1);
+            socketState_.store(0);
+            if (clientConnection.get() == &connection) clientConnection.reset();
+        }
     }
+    // A sender that found the connection before it left the lists may still be writing: it
+    // fails at once on the shut-down socket, and the close waits for it to let go.
+    std::lock_guard writing(connection.writeLock);
+    connection.closed = true;
     // Once the number is free, a new connection may get it; nothing here uses it any more.
     ::close(connection.socket);
 }
@@ -1039,12 +1145,19 @@ void QBLumentideIPC::handleCommand(const json& envelope, int socket) {
     const std::string& messageId = envelope["messageid"].get_ref<const std::string&>();
     const json& content = envelope["content"];
     const auto handler = delegate();
-    if (!handler || !handler->validateCommand(command, content, *this)) {
+    std::optional<json> answer;
+    bool accepted = false;
+    try {
+        accepted = handler && handler->validateCommand(command, content, *this);
+        if (accepted) answer = handler->processCommand(command, content, socket, *this);
+    } catch (...) {
+        accepted = false;  // a delegate that throws refuses the command; the reader goes on
+    }
+    if (!accepted) {
         transmit(replyCommand, json{{"status", "INVALID"}, {"message", envelope}}, &messageId, false, socket);
         QBLog::log("Invalid command");
         return;
     }
-    std::optional<json> answer = handler->processCommand(command, content, socket, *this);
     if (!answer || !answer->is_object()) answer = json{{"status", "OK"}};
     transmit(replyCommand, *answer, &messageId, false, socket);
 }

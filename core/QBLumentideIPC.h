@@ -22,10 +22,15 @@
 //
 // Invariants:
 //  - Every client descriptor is closed exactly once, by the reader thread of its connection,
-//    while it holds the endpoint lock, after it has taken the descriptor out of the client list
-//    (server) or out of _socket (client), and after it has marked the connection ended and
-//    seen its read token free, so no leader polls or reads it any more. Everyone else only
-//    wakes its users, with shutdown(2), and only while the descriptor is known to be open.
+//    while it holds the connection's write lock, after it has taken the descriptor out of the
+//    client list (server) or out of _socket (client) under the endpoint lock, and after it has
+//    marked the connection ended and seen its read token free, so no leader polls or reads it
+//    and no sender writes to it any more. Everyone else only wakes its users, with
+//    shutdown(2), and only while the descriptor is known to be open.
+//  - Sends on one connection are serialised by its write lock, held from taking the message id
+//    to the last byte written: frames never interleave and ids leave in the order they are
+//    made. A write waits for room at most frameWriteTimeout; a peer that takes nothing for that
+//    long loses its connection. So a client that does not read holds up only its own senders.
 //  - A sender that waits for a reply returns nothing as soon as the endpoint shuts down or the
 //    connection that carries its request ends; a reply that arrived first still wins over the
 //    end of its connection. Each of these events reaches a leader in poll() through its socket
@@ -38,12 +43,13 @@
 // owner (tests, an orderly exit) wait for that moment. Delegate operations run on reader threads;
 // a delegate may itself send a request and wait for its answer.
 //
-// Lock order (outermost first): endpointLock, clientsLock, socketLock, waitingLock, repliesLock,
-// then a connection's lock, which also guards the state of the waiting entries of requests sent
-// on it (each entry's condition waits on it). wakeLock, delegateLock, selfLock and the thread
-// tracker's lock are leaves. No lock is held while waiting for a reply or while blocked in
-// poll() or a read; endpointLock is held while a frame is written, so that frames never
-// interleave.
+// Lock order (outermost first): a connection's writeLock, endpointLock, clientsLock, socketLock,
+// waitingLock, repliesLock, then a connection's lock, which also guards the state of the
+// waiting entries of requests sent on it (each entry's condition waits on it). wakeLock,
+// delegateLock, selfLock and the thread tracker's lock are leaves. No thread holds two write
+// locks, and none takes a write lock while it holds endpointLock. No lock is held while waiting
+// for a reply or while blocked in poll() or a read; only a connection's own writeLock is held
+// while a frame is written to it, and that wait is bounded.
 //
 //   auto ipc = QBLumentideIPC::initWithSocketPath("/run/example.socket", false);
 //   ipc->startServerOnThread();
@@ -74,8 +80,9 @@
 class QBLumentideIPC;
 
 // The receiver of the commands that arrive on an endpoint. Every operation runs on the reader
-// thread of the connection concerned; the endpoint passes itself as the sender. Operations must
-// not throw.
+// thread of the connection concerned; the endpoint passes itself as the sender. An exception
+// that escapes validateCommand or processCommand refuses the command (answered "INVALID"); one
+// from a notification is dropped. Either way the reader thread goes on.
 class QBLumentideIPCDelegate {
 public:
     virtual ~QBLumentideIPCDelegate() = default;
@@ -123,6 +130,21 @@ public:
     // After accept fails for lack of descriptors or memory, the listening socket stays
     // readable; the loop pauses this long (or until shutdown) instead of spinning.
     static constexpr std::chrono::milliseconds acceptRetryDelay{100};
+    // A frame must leave within this long. Frames are small and the socket buffers hold
+    // hundreds of kilobytes, so only a peer that has stopped reading makes a send wait; its
+    // connection is then ended, and the senders queued behind it get nothing.
+    static constexpr std::chrono::milliseconds frameWriteTimeout{10000};
+    // Clients served at once. The GUI application is the one real client (a restart overlaps
+    // its old connection briefly); the rest is room for tools. Each client costs a thread, a
+    // descriptor and up to a frame (maximumFrameBodyLength) of input, so this bounds what a
+    // local user who opens connections by the thousand can make the daemon hold. A connection
+    // beyond it is accepted and closed at once.
+    static constexpr int maximumClients = 64;
+    // "Too many clients; connection refused" is logged at most once per this interval.
+    static constexpr std::chrono::seconds refusalLogInterval{10};
+    // Stack of every thread an endpoint starts: the accept loop and the readers, which parse
+    // frames (iteratively) and run the delegate. Only touched pages become resident.
+    static constexpr std::size_t threadStackSize = 512 * 1024;
 
     // Frame I/O on plain inputs: a call that moves up to length bytes and returns the count, or
     // 0 or less when the peer has closed or failed.
@@ -252,6 +274,8 @@ private:
     bool obtainListeningSocket();
     bool createWakePipe();
     void runAcceptLoop();
+    void serveClient(int client);
+    void noteRefusedClient();
     void pauseAfterFailedAccept();
     void tearDownServer();
     void releaseListeningSocket();
@@ -260,7 +284,7 @@ private:
     std::optional<nlohmann::json> transmit(const std::string& command, const nlohmann::json& content,
                                            const std::string* replyId, bool getReply, int toSocket);
     std::shared_ptr<Connection> openConnection(int socket) const;
-    static bool sendBytes(int socket, const std::string& bytes);
+    static bool writeWithinBound(int socket, const std::string& bytes);
     void enlistWaiter(WaitingEntry& entry);
     std::optional<nlohmann::json> awaitReply(const std::string& messageId, WaitingEntry& entry);
     bool mayLead(const Connection& connection) const;
@@ -272,6 +296,7 @@ private:
 
     std::shared_ptr<Connection> connectionForReader(int socket);
     bool enterReaderLoop(const std::shared_ptr<Connection>& connection);
+    void notifyDelegate(void (QBLumentideIPCDelegate::*notification)(QBLumentideIPC&));
     void runReader(Connection& connection);
     bool receiveFrames(Connection& connection);
     void handleEnvelope(nlohmann::json& envelope, Connection& connection);
@@ -288,12 +313,16 @@ private:
     std::atomic<bool> shutdownRequested{false};
     std::atomic<bool> serverLoopStarted{false};
 
-    // Serialises whole sends and the close of client descriptors; guards lastMessageId_,
-    // outgoing and clientConnection.
+    // Guards lastMessageId_ and clientConnection, and the removal of a connection from the
+    // places where senders look it up. Held only briefly, never while writing.
     mutable std::mutex endpointLock;
     std::int32_t lastMessageId_ = 0;
-    std::unique_ptr<OutgoingFrame> outgoing;
     std::shared_ptr<Connection> clientConnection;  // client mode: the connection of _socket
+
+    // Server mode: clients whose reader threads run (or are starting); see maximumClients.
+    std::atomic<int> servedClients{0};
+    // Accept loop thread only: when the last refusal was logged.
+    std::optional<std::chrono::steady_clock::time_point> lastRefusalLogged;
 
     // Guards activeConnections (server mode: the connected clients, in the order they connected).
     mutable std::mutex clientsLock;

@@ -2,6 +2,7 @@
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -13,9 +14,12 @@
 #include <cerrno>
 #include <climits>
 #include <cstdint>
+#include <cstring>
 #include <mutex>
 #include <thread>
 #include <unordered_map>
+
+#include "platform/QBLog.h"
 
 namespace {
 
@@ -51,14 +55,25 @@ bool outOfResources(int error) {
 // ---- Shared state ---------------------------------------------------------------------------
 
 struct QBTCPEventServer::Shared {
-    Shared() : stopEvent(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+    explicit Shared(std::size_t maxConnections)
+        : stopEvent(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)), maxConnections(maxConnections) {}
     ~Shared() {
         if (stopEvent >= 0) ::close(stopEvent);
     }
+    // Takes a place for a new connection; false when all maxConnections are taken. One count
+    // for all loops, so the bound holds however the kernel spreads the connections.
+    bool reserveSlot() {
+        std::size_t current = connections.load();
+        while (current < maxConnections) {
+            if (connections.compare_exchange_weak(current, current + 1)) return true;
+        }
+        return false;
+    }
     // Written by shutdown() and never read, so it stays readable: every loop sees it.
     const int stopEvent;
+    const std::size_t maxConnections;
     std::atomic<bool> served{false};
-    std::atomic<std::size_t> connections{0};
+    std::atomic<std::size_t> connections{0};  // places taken, over all loops
 };
 
 // ---- One event loop -------------------------------------------------------------------------
@@ -67,7 +82,7 @@ struct QBTCPEventServer::Shared {
 // server's stop event. Everything but post() runs on the loop's thread.
 class QBTCPEventServer::Loop {
 public:
-    Loop(QBTCPEventServer& server, QBWorkerPool& workers, int listener, std::size_t maxConnections);
+    Loop(QBTCPEventServer& server, QBWorkerPool& workers, int listener);
     ~Loop();
     Loop(const Loop&) = delete;
     Loop& operator=(const Loop&) = delete;
@@ -96,6 +111,7 @@ private:
     void dispatch(const epoll_event& event);
     void acceptConnections();
     void admit(int descriptor);
+    Connection* longestWaiting();
     bool evictLongestWaiting();
     void pauseAccepting();
     void serveEvent(Connection& connection, std::uint32_t events);
@@ -109,6 +125,9 @@ private:
     void runCompletions();
     void resume(Connection& connection, std::optional<std::string> reply);
     void close(Connection& connection);
+    void closeKeepingSlot(Connection& connection);
+    void failed(int error);
+    void waitForCompletions();
     void beginStop();
     void sweep();
     bool watch(int descriptor, std::uint32_t events, int operation);
@@ -116,7 +135,6 @@ private:
     QBTCPEventServer& server;
     QBWorkerPool& workers;
     const int listener;
-    const std::size_t maxConnections;
     const int epoll;
     const int wake;  // eventfd: a pool thread finished a job of this loop
     bool registered = false;
@@ -126,6 +144,7 @@ private:
     std::size_t busyConnections = 0;
     bool stopRequested = false;
     bool stopping = false;
+    bool epollFailed = false;  // the epoll set is unusable: the loop only finishes its jobs
     bool listenerPaused = false;
     Clock::time_point now = Clock::now();
     Clock::time_point lastSweep = now;
@@ -134,12 +153,10 @@ private:
     std::vector<Completion> completions;
 };
 
-QBTCPEventServer::Loop::Loop(QBTCPEventServer& server, QBWorkerPool& workers, int listener,
-                             std::size_t maxConnections)
+QBTCPEventServer::Loop::Loop(QBTCPEventServer& server, QBWorkerPool& workers, int listener)
     : server(server),
       workers(workers),
       listener(listener),
-      maxConnections(maxConnections),
       epoll(::epoll_create1(EPOLL_CLOEXEC)),
       wake(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
     registered = epoll >= 0 && wake >= 0 && watch(wake, EPOLLIN, EPOLL_CTL_ADD) &&
@@ -165,13 +182,34 @@ void QBTCPEventServer::Loop::run() {
     std::array<epoll_event, eventsPerWait> events{};
     const int waitMilliseconds = static_cast<int>(sweepInterval.count());
     while (!stopping || busyConnections > 0) {
-        const int count = ::epoll_wait(epoll, events.data(), eventsPerWait, waitMilliseconds);
-        if (count < 0 && errno != EINTR) stopRequested = true;  // the set is unusable
+        int count = 0;
+        if (epollFailed) {
+            waitForCompletions();
+        } else {
+            count = ::epoll_wait(epoll, events.data(), eventsPerWait, waitMilliseconds);
+            if (count < 0 && errno != EINTR) failed(errno);
+        }
         now = Clock::now();
         for (int i = 0; i < count; ++i) dispatch(events[static_cast<std::size_t>(i)]);
         if (stopRequested && !stopping) beginStop();
         if (now - lastSweep >= sweepInterval) sweep();
     }
+}
+
+// The epoll set cannot be waited on (a fault of this program or the kernel's): the loop cannot
+// serve its connections any more, and a server with a dead loop would leave its share of the
+// connections hanging. So the whole server stops, and says why.
+void QBTCPEventServer::Loop::failed(int error) {
+    epollFailed = true;
+    stopRequested = true;
+    QBLog::log(std::string("Event loop failed, server stopped: ") + std::strerror(error));
+    server.shutdown();
+}
+
+// Without a usable epoll set, finished jobs are still collected, through the wake-up alone.
+void QBTCPEventServer::Loop::waitForCompletions() {
+    pollfd finished{wake, POLLIN, 0};
+    if (::poll(&finished, 1, static_cast<int>(sweepInterval.count())) > 0) runCompletions();
 }
 
 void QBTCPEventServer::Loop::dispatch(const epoll_event& event) {
@@ -205,25 +243,35 @@ void QBTCPEventServer::Loop::acceptConnections() {
 }
 
 void QBTCPEventServer::Loop::admit(int descriptor) {
-    if (connections.size() >= maxConnections && !evictLongestWaiting()) {
-        ::close(descriptor);
-        return;
+    if (!server.shared->reserveSlot()) {
+        // Every place is taken: the connection of this loop that has waited longest for its
+        // peer hands its place over; without one, the newcomer is turned away.
+        Connection* longest = longestWaiting();
+        if (!longest) {
+            ::close(descriptor);
+            return;
+        }
+        closeKeepingSlot(*longest);
     }
     // A reply is written with one send; do not hold its last segment back for an ACK.
     const int on = 1;
     ::setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     if (!watch(descriptor, EPOLLIN, EPOLL_CTL_ADD)) {
         ::close(descriptor);
+        --server.shared->connections;
         return;
     }
     auto& connection = *connections.emplace(descriptor, std::make_unique<Connection>(descriptor, now))
                             .first->second;
-    ++server.shared->connections;
-    server.protocol.clientConnected();
+    try {
+        server.protocol.clientConnected();
+    } catch (...) {
+        // A notification that fails does not cost the connection or the loop.
+    }
     advance(connection);
 }
 
-bool QBTCPEventServer::Loop::evictLongestWaiting() {
+QBTCPEventServer::Loop::Connection* QBTCPEventServer::Loop::longestWaiting() {
     Connection* longest = nullptr;
     for (auto& entry : connections) {
         auto& candidate = *entry.second;
@@ -231,6 +279,11 @@ bool QBTCPEventServer::Loop::evictLongestWaiting() {
             longest = &candidate;
         }
     }
+    return longest;
+}
+
+bool QBTCPEventServer::Loop::evictLongestWaiting() {
+    Connection* longest = longestWaiting();
     if (!longest) return false;
     close(*longest);
     return true;
@@ -275,7 +328,13 @@ void QBTCPEventServer::Loop::receive(Connection& connection) {
 // Shows the protocol the pending bytes until it waits, or the connection is busy or closed.
 void QBTCPEventServer::Loop::advance(Connection& connection) {
     for (;;) {
-        auto step = server.protocol.nextStep(connection.pending, connection.seen);
+        Step step = Close{};
+        try {
+            step = server.protocol.nextStep(connection.pending, connection.seen);
+        } catch (...) {
+            // A request whose handling fails on the loop thread closes its connection, as any
+            // refusal does; the loop serves on.
+        }
         if (const auto* wait = std::get_if<Wait>(&step)) {
             // Only a wait for any new byte is a scan that the next look may resume.
             connection.seen = wait->needed == 0 ? connection.pending.size() : 0;
@@ -348,10 +407,15 @@ bool QBTCPEventServer::Loop::flush(Connection& connection) {
 }
 
 void QBTCPEventServer::Loop::close(Connection& connection) {
+    closeKeepingSlot(connection);
+    --server.shared->connections;
+}
+
+// Closes the connection; its place in the server's bound is handed to the caller.
+void QBTCPEventServer::Loop::closeKeepingSlot(Connection& connection) {
     const int descriptor = connection.descriptor;
     ::close(descriptor);  // also leaves the epoll set
     connections.erase(descriptor);
-    --server.shared->connections;
 }
 
 // ---- Offloaded requests ---------------------------------------------------------------------
@@ -454,7 +518,7 @@ void QBTCPEventServer::Loop::beginStop() {
 // ---- The server -----------------------------------------------------------------------------
 
 QBTCPEventServer::QBTCPEventServer(Protocol& protocol, const Limits& limits)
-    : protocol(protocol), limits(limits), shared(std::make_unique<Shared>()) {}
+    : protocol(protocol), limits(limits), shared(std::make_unique<Shared>(limits.maxConnections)) {}
 
 QBTCPEventServer::~QBTCPEventServer() = default;
 
@@ -463,13 +527,12 @@ bool QBTCPEventServer::serve(int listeningDescriptor) {
     const std::size_t processors = std::max(1u, std::thread::hardware_concurrency());
     const std::size_t loopCount =
         limits.loopThreads > 0 ? limits.loopThreads : std::min(processors, maxDefaultLoops);
-    const std::size_t perLoop = std::max<std::size_t>(1, (limits.maxConnections + loopCount - 1) / loopCount);
 
     // Declared before the loops, so that it outlives them: its threads post to the loops.
     QBWorkerPool workers(limits.workers);
     std::vector<std::unique_ptr<Loop>> loops;
     for (std::size_t i = 0; i < loopCount; ++i) {
-        loops.push_back(std::make_unique<Loop>(*this, workers, listeningDescriptor, perLoop));
+        loops.push_back(std::make_unique<Loop>(*this, workers, listeningDescriptor));
         if (!loops.back()->ready()) return false;
     }
     std::vector<std::thread> threads;

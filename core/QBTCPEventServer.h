@@ -18,9 +18,14 @@
 // deadline stays, however many bytes trickle in. A reply that the peer does not read within
 // sendStallTimeout ends the connection too. A connection past its deadline is closed.
 //
-// Bounds: at most Limits::maxConnections connections (over all loops); a new connection beyond
-// that replaces the one that has waited longest for its peer (one whose reply is being worked
-// out is never chosen). When the process runs out of descriptors, accepting pauses briefly.
+// Bounds: at most Limits::maxConnections connections, counted once for all loops (the kernel
+// may hand most new connections to one loop). A new connection beyond that replaces the
+// connection of the loop that accepted it that has waited longest for its peer (one whose reply
+// is being worked out is never chosen), and is closed at once when that loop has none. When the
+// process runs out of descriptors, accepting pauses briefly.
+//
+// Faults: an exception from the protocol closes the connection concerned. A loop whose epoll set
+// fails logs "Event loop failed, server stopped: <reason>" and stops the whole server.
 //
 // Threads: serve() runs one loop on the calling thread and the others on threads of its own;
 // it returns after shutdown(), when every loop has ended, and only after every offloaded job

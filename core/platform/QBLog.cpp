@@ -5,13 +5,19 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <ctime>
+#include <deque>
 #include <mutex>
 #include <string>
+#include <system_error>
+#include <thread>
+#include <utility>
 
 namespace {
+
+using Clock = std::chrono::system_clock;
 
 std::mutex sinkLock;  // guards sink; leaf lock, taken by nothing else
 QBLog::Sink sink;
@@ -23,11 +29,21 @@ bool deliverToSink(QBLog::Channel channel, std::string_view text) {
     return true;
 }
 
-std::string generalLogPrefix() {
+long currentThreadId() {
+    return static_cast<long>(syscall(SYS_gettid));
+}
+
+struct Line {
+    QBLog::Channel channel;
+    Clock::time_point time;
+    long thread;
+    std::string text;
+};
+
+std::string generalLogPrefix(Clock::time_point time, long thread) {
     using namespace std::chrono;
-    const auto now = system_clock::now();
-    const std::time_t seconds = system_clock::to_time_t(now);
-    const auto millis = duration_cast<milliseconds>(now.time_since_epoch()).count() % 1000;
+    const std::time_t seconds = Clock::to_time_t(time);
+    const auto millis = duration_cast<milliseconds>(time.time_since_epoch()).count() % 1000;
     std::tm local{};
     localtime_r(&seconds, &local);
     char stamp[64];
@@ -35,7 +51,7 @@ std::string generalLogPrefix() {
     char prefix[256];
     std::snprintf(prefix, sizeof prefix, "%.*s.%03lld %s[%d:%ld] ", static_cast<int>(used), stamp,
                   static_cast<long long>(millis), program_invocation_short_name,
-                  static_cast<int>(getpid()), static_cast<long>(syscall(SYS_gettid)));
+                  static_cast<int>(getpid()), thread);
     return prefix;
 }
 
@@ -49,19 +65,110 @@ void writeAll(int fd, const std::string& line) {
     }
 }
 
+void output(const Line& line) {
+    if (line.channel == QBLog::Channel::notice) {
+        syslog(LOG_NOTICE, "%s", line.text.c_str());
+        return;
+    }
+    writeAll(STDERR_FILENO, generalLogPrefix(line.time, line.thread) + line.text + "\n");
+}
+
+// The queue and its writer thread. Made once and never destroyed: the detached writer may still
+// run while the process exits.
+class Writer {
+public:
+    void add(Line line) {
+        std::unique_lock guard(lock);
+        if (!started) startThread();
+        if (!threadRuns) {
+            guard.unlock();
+            output(line);
+            return;
+        }
+        if (lines.size() >= QBLog::queueCapacity) {
+            ++dropped;
+            return;
+        }
+        lines.push_back(std::move(line));
+        ++queued;
+        linesQueued.notify_one();
+    }
+
+    bool flush(std::chrono::milliseconds timeout) {
+        std::unique_lock guard(lock);
+        const std::uint64_t target = queued;
+        return linesWritten.wait_for(guard, timeout,
+                                     [&] { return written >= target && dropped == 0 && !writing; });
+    }
+
+private:
+    // Called with lock held.
+    void startThread() {
+        started = true;
+        try {
+            std::thread([this] { drain(); }).detach();
+            threadRuns = true;
+        } catch (const std::system_error&) {
+            threadRuns = false;
+        }
+    }
+
+    void drain() {
+        std::unique_lock guard(lock);
+        for (;;) {
+            linesQueued.wait(guard, [&] { return !lines.empty() || dropped > 0; });
+            std::deque<Line> batch;
+            batch.swap(lines);
+            const std::size_t lost = std::exchange(dropped, 0);
+            writing = true;
+            guard.unlock();
+            for (const Line& line : batch) output(line);
+            // The lost lines came after the ones just written: the queue was full.
+            if (lost > 0) {
+                output({QBLog::Channel::general, Clock::now(), currentThreadId(),
+                        std::to_string(lost) + " log lines dropped"});
+            }
+            guard.lock();
+            written += batch.size();
+            writing = false;
+            linesWritten.notify_all();
+        }
+    }
+
+    std::mutex lock;  // guards everything below; leaf lock, never held while writing
+    std::condition_variable linesQueued;
+    std::condition_variable linesWritten;
+    std::deque<Line> lines;
+    std::size_t dropped = 0;    // lines refused since the writer last took the queue
+    std::uint64_t queued = 0;   // lines ever queued
+    std::uint64_t written = 0;  // of those, lines written
+    bool writing = false;       // the writer is outputting lines it took
+    bool started = false;
+    bool threadRuns = false;
+};
+
+Writer& writer() {
+    static Writer* const instance = new Writer;
+    return *instance;
+}
+
+void enqueue(QBLog::Channel channel, std::string_view text) {
+    if (deliverToSink(channel, text)) return;
+    writer().add({channel, Clock::now(), currentThreadId(), std::string(text)});
+}
+
 }  // namespace
 
 void QBLog::log(std::string_view text) {
-    if (deliverToSink(Channel::general, text)) return;
-    std::string line = generalLogPrefix();
-    line.append(text);
-    line.push_back('\n');
-    writeAll(STDERR_FILENO, line);
+    enqueue(Channel::general, text);
 }
 
 void QBLog::notice(std::string_view text) {
-    if (deliverToSink(Channel::notice, text)) return;
-    syslog(LOG_NOTICE, "%.*s", static_cast<int>(text.size()), text.data());
+    enqueue(Channel::notice, text);
+}
+
+bool QBLog::flush(std::chrono::milliseconds timeout) {
+    return writer().flush(timeout);
 }
 
 void QBLog::setSink(Sink newSink) {

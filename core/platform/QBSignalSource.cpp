@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <system_error>
 
 QBSignalSource::QBSignalSource(std::initializer_list<int> signals, Handler signalHandler)
     : handler(std::move(signalHandler)) {
@@ -19,7 +20,11 @@ QBSignalSource::QBSignalSource(std::initializer_list<int> signals, Handler signa
         wakePipe[0] = wakePipe[1] = -1;
         return;
     }
-    waiter = std::thread([this] { waitLoop(); });
+    try {
+        waiter = std::thread([this] { waitLoop(); });
+    } catch (const std::system_error&) {
+        // isActive() tells the owner; the signals stay blocked.
+    }
 }
 
 QBSignalSource::~QBSignalSource() {
@@ -60,12 +65,26 @@ void QBSignalSource::waitLoop() {
 }
 
 void QBSignalSource::startHandler(int signalNumber) {
-    std::lock_guard guard(handlersLock);
-    ++runningHandlers;  // counted before the thread exists, so a waiter never misses it
-    handlers.emplace_back([this, signalNumber] {
+    {
+        std::lock_guard guard(handlersLock);
+        ++runningHandlers;  // counted before the thread exists, so a waiter never misses it
+        try {
+            handlers.emplace_back([this, signalNumber] { runHandler(signalNumber); });
+            return;
+        } catch (const std::system_error&) {
+            // No thread to be had: the handler runs here, and signals wait meanwhile.
+        }
+    }
+    runHandler(signalNumber);
+}
+
+void QBSignalSource::runHandler(int signalNumber) {
+    try {
         handler(signalNumber);
-        std::lock_guard done(handlersLock);
-        --runningHandlers;
-        handlersDone.notify_all();
-    });
+    } catch (...) {
+        // A handler that fails ends its own run, not the process.
+    }
+    std::lock_guard done(handlersLock);
+    --runningHandlers;
+    handlersDone.notify_all();
 }

@@ -5,7 +5,8 @@
 // The constructor blocks the given signals in the calling thread; every thread created after it
 // inherits that mask, so the signals are never delivered asynchronously anywhere and never take
 // their default action. One waiter thread reads them from a signalfd; every arrival runs the
-// handler on a new worker thread. Handlers for different arrivals may run at the same time.
+// handler on a new worker thread (or on the waiter thread itself when no thread can be started).
+// Handlers for different arrivals may run at the same time; an exception from one is dropped.
 //
 // Construct it on the main thread before any other thread exists (the mask is only inherited).
 // Child processes inherit the blocked mask too: code that starts a child must reset it
@@ -33,7 +34,8 @@ public:
     QBSignalSource(const QBSignalSource&) = delete;
     QBSignalSource& operator=(const QBSignalSource&) = delete;
 
-    // False when the signalfd or the wake pipe could not be made; signals then stay blocked.
+    // False when the signalfd, the wake pipe or the waiter thread could not be made; signals
+    // then stay blocked.
     bool isActive() const { return waiter.joinable(); }
 
     // Blocks until every handler started so far has returned.
@@ -42,6 +44,7 @@ public:
 private:
     void waitLoop();
     void startHandler(int signalNumber);
+    void runHandler(int signalNumber);
 
     Handler handler;
     sigset_t signalSet{};
