@@ -2,10 +2,13 @@
 // everything outside its dialect ends the connection without a reply, commands that wait, its
 // time-outs, and its bounds against a hostile page.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <future>
 #include <numeric>
@@ -17,6 +20,7 @@
 namespace {
 
 using namespace std::chrono_literals;
+using namespace std::string_literals;
 using S = QBKelvoXMLRPCServer;
 
 const std::string preflight = "OPTIONS /vpn HTTP/1.1\r\n\r\n";
@@ -119,6 +123,7 @@ TEST_F(BridgeServerTest, RefusedRequestsCloseWithoutAnyReply) {
         replaced(statePost, "/vpn", "/vpn?x=1"),
         replaced(statePost, "/vpn", "/vpn/"),
         replaced(statePost, "Content-Length", "content-length"),
+        replaced(statePost, "Content-Length", "X-Nul: \0\r\nContent-Length"s),  // text ends at NUL
         replaced(statePost, "Host: ", "Host: \xff"),  // header block not UTF-8
         "POST /vpn HTTP/1.1\r\nContent-Length: 0\r\n\r\n" + call,
         xmlRpcPost(paddedCall(S::maxBodyLength + 1)),
@@ -146,6 +151,24 @@ TEST_F(BridgeServerTest, RefusedRequestsCloseWithoutAnyReply) {
     EXPECT_TRUE(answers(running.port(), statePost));
 }
 
+TEST_F(BridgeServerTest, HeaderBlockTextEndsAtItsFirstNulByteYetTheWholeBlockIsConsumed) {
+    LoopbackClient client(running.port());
+    ASSERT_TRUE(client.send("OPTIONS /vpn\0x HTTP/1.1\r\nHost: a\r\n\r\n"s + statePost));
+    EXPECT_TRUE(answered(client, preflightReply));  // the request line is "OPTIONS /vpn"
+    EXPECT_TRUE(answered(client));
+}
+
+TEST_F(BridgeServerTest, ACommandThatThrowsClosesOnlyItsOwnConnection) {
+    commands->failing = true;
+    for (const bool atOnce : {true, false}) {  // on the loop thread, or on a pool thread
+        commands->atOnce = atOnce;
+        LoopbackClient client(running.port());
+        ASSERT_TRUE(client.send(xmlRpcPost(methodCall("clientOS"))));
+        EXPECT_TRUE(client.closedWithoutReply()) << atOnce;
+    }
+    EXPECT_TRUE(answers(running.port(), statePost));
+}
+
 TEST_F(BridgeServerTest, LimitsLateBodyAndOtherHeadersAreAccepted) {
     const auto headEnd = statePost.find("\r\n\r\n") + 4;
     const auto body = methodCall("state");
@@ -168,6 +191,27 @@ TEST_F(BridgeServerTest, LimitsLateBodyAndOtherHeadersAreAccepted) {
     }
 }
 
+// Raises the soft descriptor limit to the hard one; false when that leaves fewer than needed.
+bool allowDescriptors(rlim_t needed) {
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    return ::setrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur >= needed;
+}
+
+std::vector<std::unique_ptr<LoopbackClient>> openIdleConnections(int port, int count) {
+    std::vector<std::unique_ptr<LoopbackClient>> idle;
+    for (int i = 0; i < count; ++i) {
+        idle.push_back(std::make_unique<LoopbackClient>(port));
+        if (!idle.back()->connected()) break;
+    }
+    return idle;
+}
+
+long closedByServer(const std::vector<std::unique_ptr<LoopbackClient>>& clients) {
+    return std::count_if(clients.begin(), clients.end(), [](const auto& c) { return c->peerClosed(); });
+}
+
 // What 2,000 stalled connections may add to the resident memory; sanitizers keep shadow state
 // per thread and per allocation, so their figures say nothing about the server.
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
@@ -186,12 +230,8 @@ long residentKiB() {
 
 TEST_F(BridgeServerTest, ThousandsOfStalledConnectionsDoNotStarveARequest) {
     constexpr int stalledConnections = 2000;
-    rlimit limit{};  // both ends of every connection live in this process
-    ::getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = limit.rlim_max;
-    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur < 2 * stalledConnections + 512) {
-        GTEST_SKIP() << "descriptor limit too low";
-    }
+    // Both ends of every connection live in this process.
+    if (!allowDescriptors(2 * stalledConnections + 512)) GTEST_SKIP() << "descriptor limit too low";
     ASSERT_TRUE(answers(running.port(), statePost));
     const long residentBefore = residentKiB();
     std::vector<std::unique_ptr<LoopbackClient>> stalled;
@@ -224,6 +264,80 @@ TEST(BridgeServerConnectionLimitTest, NewConnectionReplacesTheLongestWaitingOne)
     EXPECT_TRUE(stalled[0]->closedWithoutReply(1s));
     for (int i = 1; i < 4; ++i) EXPECT_FALSE(stalled[i]->closedWithoutReply(50ms)) << i;
     EXPECT_TRUE(eventually([&] { return running.server->connectionCount() == 3; }));
+}
+
+TEST(BridgeServerConnectionLimitTest, TheBoundHoldsForAllLoopsTogether) {
+    constexpr std::size_t bound = QBTCPEventServer::Limits{}.maxConnections;
+    if (!allowDescriptors(2 * bound + 512)) GTEST_SKIP() << "descriptor limit too low";
+    LogCapture log;
+    RunningBridgeServer running(std::make_shared<FakeBridgeCommands>(), {.serving = {.loopThreads = 4}});
+    auto idle = openIdleConnections(running.port(), 4000);
+    ASSERT_EQ(idle.size(), 4000u);
+    EXPECT_TRUE(eventually([&] { return running.server->connectionCount() == 4000; }));
+    EXPECT_EQ(closedByServer(idle), 0);
+    auto more = openIdleConnections(running.port(), static_cast<int>(bound) - 4000);
+    std::move(more.begin(), more.end(), std::back_inserter(idle));
+    ASSERT_TRUE(eventually([&] { return running.server->connectionCount() == bound; }));
+    EXPECT_EQ(closedByServer(idle), 0);
+    // One more is served, in place of a connection that waited longest in the loop it came to.
+    EXPECT_TRUE(answers(running.port(), statePost));
+    EXPECT_TRUE(eventually([&] { return closedByServer(idle) == 1; }));
+    EXPECT_EQ(log.count("Client connected"), static_cast<int>(bound) + 1);
+}
+
+TEST(BridgeServerLogTest, AStalledLogOutputHoldsUpNoRequest) {
+    constexpr int connections = 3000;  // their log lines are several times what a pipe holds
+    if (!allowDescriptors(2 * connections + 512)) GTEST_SKIP() << "descriptor limit too low";
+    int logPipe[2];
+    ASSERT_EQ(::pipe2(logPipe, O_CLOEXEC), 0);
+    const int savedError = ::dup(STDERR_FILENO);
+    ::dup2(logPipe[1], STDERR_FILENO);
+    ::close(logPipe[1]);
+    auto running = std::make_unique<RunningBridgeServer>(std::make_shared<FakeBridgeCommands>(),
+                                                         QBKelvoXMLRPCServer::Settings{.serving = {.loopThreads = 2}});
+    auto idle = openIdleConnections(running->port(), connections);
+    EXPECT_EQ(idle.size(), static_cast<std::size_t>(connections));
+    EXPECT_TRUE(answers(running->port(), preflight, 10s));
+    // Now let the log drain, so that everything can stop.
+    std::thread drain([&] {
+        char chunk[65536];
+        while (::read(logPipe[0], chunk, sizeof chunk) > 0) {
+        }
+    });
+    running.reset();
+    EXPECT_TRUE(QBLog::flush(10s));
+    ::dup2(savedError, STDERR_FILENO);  // the last write end of the pipe: the drain ends
+    ::close(savedError);
+    drain.join();
+    ::close(logPipe[0]);
+}
+
+// The event loop's epoll set, found among this process's descriptors; -1 when there is not
+// exactly one.
+int onlyEpollDescriptor() {
+    int found = -1, count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code error;
+        if (std::filesystem::read_symlink(entry.path(), error).string() == "anon_inode:[eventpoll]") {
+            found = std::stoi(entry.path().filename().string());
+            ++count;
+        }
+    }
+    return count == 1 ? found : -1;
+}
+
+TEST(BridgeServerFaultTest, AFailingEventLoopIsLoggedAndStopsItsServer) {
+    LogCapture log;
+    RunningBridgeServer running(std::make_shared<FakeBridgeCommands>(), {.serving = {.loopThreads = 1}});
+    ASSERT_TRUE(answers(running.port(), preflight));
+    const int epollSet = onlyEpollDescriptor();
+    ASSERT_GE(epollSet, 0);
+    // Put a descriptor that is no epoll set in its place: the loop's next wait fails.
+    const int notAnEpollSet = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ::dup2(notAnEpollSet, epollSet);
+    ::close(notAnEpollSet);
+    EXPECT_TRUE(eventually([&] { return log.count("Event loop failed, server stopped: Invalid argument") == 1; }));
+    EXPECT_TRUE(eventually([&] { return !LoopbackClient(running.port()).connected(); }));
 }
 
 TEST_F(BridgeServerTest, WaitingCommandsHoldUpNoOtherConnectionAndShutdownWaitsForThem) {

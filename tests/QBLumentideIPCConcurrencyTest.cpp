@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
+
+#include <future>
 #include <random>
 #include <thread>
 
@@ -52,4 +55,50 @@ TEST_F(QBLumentideIPCConcurrencyTest, EveryCallerGetsItsOwnAnswer) {
     EXPECT_EQ(wrong, 0);
     EXPECT_EQ(firstDelegate->processed + secondDelegate->processed, 32 * 200);
     EXPECT_EQ(log.count("Invalid command"), 200);
+}
+
+// Sends frame again and again without waiting, until the endpoint has taken nothing for a while:
+// its reader is then stuck writing an answer that nobody reads.
+static void floodUntilStalled(int socket, const std::vector<std::uint8_t>& frame) {
+    std::size_t offset = 0;
+    for (int idleRounds = 0; idleRounds < 20;) {
+        const ssize_t sent = ::send(socket, frame.data() + offset, frame.size() - offset, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent > 0) {
+            offset = (offset + static_cast<std::size_t>(sent)) % frame.size();
+            idleRounds = 0;
+        } else {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            ++idleRounds;
+        }
+    }
+}
+
+TEST_F(QBLumentideIPCConcurrencyTest, AClientThatDoesNotReadHoldsUpNoOtherClient) {
+    ASSERT_TRUE(startServer());
+    auto echo = std::make_shared<ScriptedDelegate>();
+    echo->process = [](const std::string&, const json& data) -> std::optional<json> { return json{{"echo", data}}; };
+    auto gui = connectClient(echo);
+    // A second local client sends large commands, whose INVALID answers echo them, and never reads.
+    auto flooder = connectRawPeer();
+    const json command = {{"command", "flood"}, {"messageid", "1"}, {"content", {{"pad", std::string(64 * 1024, 'x')}}}};
+    floodUntilStalled(flooder->descriptor(), RawFramePeer::frame(command.dump()));
+    ASSERT_EQ(server->clientCount(), 2);
+
+    auto calls = std::async(std::launch::async, [&] {
+        int answered = 0;
+        for (int i = 0; i < 1000; ++i) {
+            if (server->sendMessageToFirstClient("serviceCmd", {{"i", i}}) == json{{"echo", {{"i", i}}}}) ++answered;
+        }
+        return std::pair(answered, server->clientCount());
+    });
+    if (calls.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
+        server->shutdown();  // releases the calls, so that the test can end
+        FAIL() << "the calls to the GUI client wait for the client that does not read";
+    }
+    const auto [answered, clientsAfterwards] = calls.get();
+    EXPECT_EQ(answered, 1000);
+    EXPECT_EQ(clientsAfterwards, 2) << "answered only once the stalled client was gone";
+    // The client that does not read loses its connection once a frame has waited too long.
+    EXPECT_TRUE(waitUntil([&] { return server->clientCount() == 1; }, QBLumentideIPC::frameWriteTimeout + std::chrono::seconds(5)));
+    EXPECT_TRUE(flooder->waitForClose());
 }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <stdexcept>
 #include <thread>
 
 #include "support/ChannelFixture.h"
@@ -110,6 +111,7 @@ TEST_F(QBLumentideIPCDispatchTest, SendsThatDoNotWaitAndSendsThatAreRefused) {
 TEST_F(QBLumentideIPCDispatchTest, DelegateAnswersBecomeReplyContents) {
     auto delegate = std::make_shared<ScriptedDelegate>();
     delegate->process = [](const std::string& command, const json& data) -> std::optional<json> {
+        if (command == "throws") throw std::runtime_error("handler failed");
         return command == "echo" ? std::optional<json>(data) : std::nullopt;
     };
     auto client = connectClient(delegate);
@@ -117,7 +119,10 @@ TEST_F(QBLumentideIPCDispatchTest, DelegateAnswersBecomeReplyContents) {
     EXPECT_EQ(server->sendMessageToFirstClient("quiet", {{"a", 1}}), (json{{"status", "OK"}}));
     EXPECT_EQ(server->sendMessageToFirstClient("refused", {{"x", 1}}),
               (json{{"status", "INVALID"}, {"message", {{"command", "refused"}, {"messageid", "3"}, {"content", {{"x", 1}}}}}}));
-    EXPECT_EQ(delegate->processed, 2);
+    // A handler that throws refuses its command; the client's reader serves on.
+    EXPECT_EQ(server->sendMessageToFirstClient("throws", json::object()).value_or(json())["status"], "INVALID");
+    EXPECT_EQ(server->sendMessageToFirstClient("echo", {{"c", 3}}), (json{{"c", 3}}));
+    EXPECT_EQ(delegate->processed, 4);
     EXPECT_GE(delegate->lastClient, 0);
     EXPECT_EQ(delegate->lastSender.load(), client.get());
     ASSERT_TRUE(shutDownAndWait(client));

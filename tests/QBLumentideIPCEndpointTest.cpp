@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -186,4 +187,31 @@ TEST_F(QBLumentideIPCEndpointTest, ActivatedServerUsesMasterSocketAndLeavesItToT
     auto plain = QBLumentideIPC::init();
     EXPECT_EQ(plain->socketPath(), "/var/run/com.quarrybay.LumentideHelper.socket");
     plain->shutdown();  // lets go of its self-reference
+}
+
+TEST_F(QBLumentideIPCEndpointTest, TenThousandConnectionsOfOneUserLeaveTheServerAnswering) {
+    constexpr int connections = 10000;
+    rlimit limit{};  // the test holds every connection; the server only its bounded share
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur < connections + 512) {
+        GTEST_SKIP() << "descriptor limit too low";
+    }
+    ASSERT_TRUE(startServer());
+    auto echo = std::make_shared<ScriptedDelegate>();
+    echo->process = [](const std::string&, const json& data) -> std::optional<json> { return data; };
+    auto gui = connectClient(echo);
+    const auto started = std::chrono::steady_clock::now();
+    std::vector<std::unique_ptr<RawFramePeer>> flood;
+    for (int i = 0; i < connections; ++i) {
+        flood.push_back(std::make_unique<RawFramePeer>(socketPath));
+        ASSERT_TRUE(flood.back()->isConnected()) << i;
+    }
+    EXPECT_LE(server->clientCount(), QBLumentideIPC::maximumClients);
+    EXPECT_EQ(server->sendMessageToFirstClient("serviceCmd", {{"still", "here"}}), (json{{"still", "here"}}));
+    // Those beyond the bound are closed at once, with one log line per interval.
+    EXPECT_TRUE(flood.back()->waitForClose());
+    const auto intervals = (std::chrono::steady_clock::now() - started) / QBLumentideIPC::refusalLogInterval;
+    const int refusals = log.count("Too many clients; connection refused");
+    EXPECT_TRUE(refusals >= 1 && refusals <= intervals + 1) << refusals;
 }

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <mutex>
 #include <sstream>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -31,7 +32,13 @@ public:
     std::atomic<bool> holdState{false};
     std::atomic<int> waiting{0};
 
-    std::string clientOS() override { return record("clientOS"); }
+    // While set, clientOS() throws, like a command that fails.
+    std::atomic<bool> failing{false};
+
+    std::string clientOS() override {
+        if (failing) throw std::runtime_error("command failed");
+        return record("clientOS");
+    }
     std::string clientVersion() override { return record("clientVersion"); }
     Number authorizeServer(Text s, Number p, Number w) override {
         return record("authorize", s, p, w);

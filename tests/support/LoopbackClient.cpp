@@ -66,6 +66,12 @@ bool LoopbackClient::closedWithoutReply(Timeout timeout) {
     return ended && received.empty();
 }
 
+bool LoopbackClient::peerClosed() const {
+    char byte;
+    const auto count = ::recv(descriptor, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    return count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR);
+}
+
 std::string xmlRpcPost(std::string_view body) {
     return "POST /vpn HTTP/1.1\r\nHost: 127.0.0.1:986\r\nContent-Length: " +
            std::to_string(body.size()) + "\r\n\r\n" + std::string(body);

@@ -26,6 +26,8 @@ public:
     std::optional<std::string> readResponse(Timeout timeout = std::chrono::seconds(5));
     // True when the peer ends the connection within timeout, leaving no byte unread.
     bool closedWithoutReply(Timeout timeout = std::chrono::seconds(5));
+    // True when the peer has already ended the connection; never waits, consumes nothing.
+    bool peerClosed() const;
 
 private:
     // One receive that waits at most timeout; false when nothing came (ended: the peer closed).

@@ -14,6 +14,7 @@ RawFramePeer::RawFramePeer(const std::string& path) {
     fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const timeval timeout{patience.count(), 0};
     ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);  // connect too
     if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) close();
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 // RawFramePeer: a channel connection played by the test itself. It frames and unframes on its own
 // (marker, little-endian length, JSON body), so endpoints are checked against the wire format
-// rather than against their own code. Every receive gives up after patience.
+// rather than against their own code. Every connect, send and receive gives up after patience.
 
 #include <chrono>
 #include <cstdint>
@@ -21,6 +21,7 @@ public:
     RawFramePeer& operator=(const RawFramePeer&) = delete;
 
     bool isConnected() const { return fd >= 0; }
+    int descriptor() const { return fd; }
     static std::vector<std::uint8_t> frame(const std::string& body, std::uint8_t marker = 0);
     bool sendBytes(const std::vector<std::uint8_t>& bytes);  // all of them, or false
     bool sendEnvelope(const nlohmann::json& envelope) { return sendBytes(frame(envelope.dump())); }
