@@ -47,10 +47,10 @@ class ServiceStopSignalTest : public ::testing::TestWithParam<int> {};
 TEST_P(ServiceStopSignalTest, ServesBothAddressesAndTheChannelThenStopsCleanly) {
     QB_REQUIRE_PRIVATE_NAMESPACES();
     DaemonProcess daemon;
-    // The channel starts listening before the bridge servers are made.
     ASSERT_TRUE(daemon.start() && listening(aliasAddress) && listening(loopbackAddress));
+    // The channel listens on a thread of its own, which may come after the bridge servers.
     struct stat info {};
-    ASSERT_EQ(::stat(channelPath, &info), 0);
+    ASSERT_TRUE(eventually([&] { return ::stat(channelPath, &info) == 0; }));
     EXPECT_EQ(info.st_mode & (S_IFMT | 07777), S_IFSOCK | 0776u);
 
     EXPECT_TRUE(answersPreflight(aliasAddress) && answersPreflight(loopbackAddress));
@@ -96,4 +96,19 @@ TEST(ServiceProcessTest, ServesTheAddressLeftFreeAndEndsAtOnceWhenNoneIs) {
     DaemonProcess neither;
     ASSERT_TRUE(neither.start());
     EXPECT_EQ(neither.waitForExit(deadline), 0) << neither.standardError();
+}
+
+TEST(ServiceProcessTest, AStopSignalAlreadyPendingAtStartStopsTheService) {
+    QB_REQUIRE_PRIVATE_NAMESPACES();
+    DaemonProcess daemon;
+    ASSERT_TRUE(daemon.start({.stopPending = true}));
+    EXPECT_EQ(daemon.waitForExit(deadline), 0) << daemon.standardError();
+}
+
+TEST(ServiceProcessTest, WithoutThreadsTheProcessStillEndsWithStatusZero) {
+    QB_REQUIRE_PRIVATE_NAMESPACES();
+    DaemonProcess daemon;
+    ASSERT_TRUE(daemon.start({.withoutThreads = true}));
+    EXPECT_EQ(daemon.waitForExit(deadline), 0) << daemon.standardError();
+    EXPECT_NE(daemon.standardError().find("Failed to start the signal thread"), std::string::npos);
 }

@@ -1,6 +1,8 @@
 #include "support/DaemonProcess.h"
 
 #include <fcntl.h>
+#include <grp.h>
+#include <sys/resource.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,15 +18,27 @@ DaemonProcess::~DaemonProcess() {
     }
 }
 
-bool DaemonProcess::start(const std::string& path) {
+bool DaemonProcess::start(const Setup& setup, const std::string& path) {
     pid = ::fork();
     if (pid == 0) {  // only async-signal-safe calls until exec
-        sigset_t none;
-        sigemptyset(&none);
-        sigprocmask(SIG_SETMASK, &none, nullptr);
+        sigset_t mask;
+        sigemptyset(&mask);
+        if (setup.stopPending) sigaddset(&mask, SIGTERM);
+        sigprocmask(SIG_SETMASK, &mask, nullptr);
+        if (setup.stopPending) ::kill(::getpid(), SIGTERM);  // stays pending across exec
         ::dup2(::open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
-        ::dup2(::open(errorFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644),
+        ::dup2(::open(errorFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666),
                STDERR_FILENO);
+        if (setup.withoutThreads) {
+            // The process limit counts this user's processes and threads; nobody's one process
+            // is already all it may have. Set after setuid, which would otherwise flag the
+            // process as over the limit and make exec fail.
+            const rlimit oneProcess{1, 1};
+            if (::setgroups(0, nullptr) != 0 || ::setgid(65534) != 0 || ::setuid(65534) != 0 ||
+                ::setrlimit(RLIMIT_NPROC, &oneProcess) != 0) {
+                ::_exit(126);
+            }
+        }
         ::execl(path.c_str(), path.c_str(), nullptr);
         ::_exit(127);
     }

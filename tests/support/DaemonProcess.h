@@ -15,9 +15,16 @@ class DaemonProcess {
 public:
     ~DaemonProcess();
 
+    // How the child is set up before it runs the binary.
+    struct Setup {
+        bool stopPending = false;     // starts with SIGTERM blocked and already pending
+        bool withoutThreads = false;  // runs as nobody, allowed no further thread (needs root)
+    };
+
     // Starts the binary at path (default: the daemon built with the tests), with no blocked
     // signals whatever this process blocks. False on failure.
-    bool start(const std::string& path = QB_DAEMON_PATH);
+    bool start(const std::string& path = QB_DAEMON_PATH) { return start(Setup{}, path); }
+    bool start(const Setup& setup, const std::string& path = QB_DAEMON_PATH);
     bool signal(int signalNumber) const;
     // Exit status once the child has ended within timeout; nullopt when it is still running or
     // was ended by a signal.

@@ -1,0 +1,101 @@
+// The general log line on standard error: its format, and that a stalled output never holds up a
+// caller, the lines lost meanwhile being counted.
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <future>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "platform/QBLog.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+// Standard error goes into a pipe for the life of the object; nobody reads it until readAll().
+class StandardErrorPipe {
+public:
+    StandardErrorPipe() {
+        int ends[2];
+        if (::pipe2(ends, O_CLOEXEC) != 0) return;
+        readEnd = ends[0];
+        savedError = ::dup(STDERR_FILENO);
+        ::dup2(ends[1], STDERR_FILENO);
+        ::close(ends[1]);
+    }
+    ~StandardErrorPipe() {
+        restore();
+        if (readEnd >= 0) ::close(readEnd);
+    }
+    // Reads until the log has been written out, then the rest; the lines read.
+    std::vector<std::string> readAll() {
+        auto flushed = std::async(std::launch::async, [] { return QBLog::flush(10s); });
+        std::string text;
+        char chunk[65536];
+        ::fcntl(readEnd, F_SETFL, O_NONBLOCK);
+        while (flushed.wait_for(1ms) != std::future_status::ready) {
+            for (ssize_t n; (n = ::read(readEnd, chunk, sizeof chunk)) > 0;) text.append(chunk, static_cast<size_t>(n));
+        }
+        EXPECT_TRUE(flushed.get());
+        for (ssize_t n; (n = ::read(readEnd, chunk, sizeof chunk)) > 0;) text.append(chunk, static_cast<size_t>(n));
+        std::vector<std::string> lines;
+        std::istringstream in(text);
+        for (std::string line; std::getline(in, line);) lines.push_back(line);
+        return lines;
+    }
+
+private:
+    void restore() {
+        if (savedError < 0) return;
+        ::dup2(savedError, STDERR_FILENO);
+        ::close(savedError);
+        savedError = -1;
+    }
+    int readEnd = -1;
+    int savedError = -1;
+};
+
+}  // namespace
+
+TEST(QBLogTest, LinesCarryDateTimeProgramAndThreadInTheOrderLogged) {
+    StandardErrorPipe output;
+    QBLog::log("Client connected");
+    QBLog::log("Invalid command");
+    const auto lines = output.readAll();
+    ASSERT_EQ(lines.size(), 2u);
+    const std::regex prefix(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} QBLogTest\[(\d+):(\d+)\] )");
+    std::smatch parts;
+    ASSERT_TRUE(std::regex_search(lines[0], parts, prefix)) << lines[0];
+    EXPECT_EQ(parts.position(0), 0);
+    EXPECT_EQ(parts[1], std::to_string(::getpid()));
+    EXPECT_EQ(parts[2], std::to_string(::gettid())) << "the thread that logged, not the writer";
+    EXPECT_TRUE(lines[0].ends_with("] Client connected"));
+    EXPECT_TRUE(lines[1].ends_with("] Invalid command"));
+}
+
+TEST(QBLogTest, AStalledOutputHoldsUpNoCallerAndTheLostLinesAreCounted) {
+    constexpr int logged = 50000;  // far more than the pipe and the queue hold together
+    StandardErrorPipe output;
+    auto logging = std::async(std::launch::async, [] {
+        for (int i = 0; i < logged; ++i) QBLog::log("Client connected");
+    });
+    const bool returned = logging.wait_for(20s) == std::future_status::ready;
+    EXPECT_TRUE(returned) << "a caller waits for the output";
+    const auto lines = output.readAll();  // also lets a blocked caller go on
+    logging.get();
+    int connected = 0, dropped = 0;
+    const std::regex droppedLine(R"(\] (\d+) log lines dropped$)");
+    for (const auto& line : lines) {
+        std::smatch count;
+        if (line.ends_with("] Client connected")) ++connected;
+        else if (std::regex_search(line, count, droppedLine)) dropped += std::stoi(count[1]);
+    }
+    EXPECT_GT(dropped, 0);
+    EXPECT_EQ(connected + dropped, logged);
+}
