@@ -46,10 +46,10 @@
 // Lock order (outermost first): a connection's writeLock, endpointLock, clientsLock, socketLock,
 // waitingLock, repliesLock, then a connection's lock, which also guards the state of the
 // waiting entries of requests sent on it (each entry's condition waits on it). wakeLock,
-// delegateLock, selfLock and the thread tracker's lock are leaves. No thread holds two write
-// locks, and none takes a write lock while it holds endpointLock. No lock is held while waiting
-// for a reply or while blocked in poll() or a read; only a connection's own writeLock is held
-// while a frame is written to it, and that wait is bounded.
+// clientWaitLock, delegateLock, selfLock and the thread tracker's lock are leaves. No thread
+// holds two write locks, and none takes a write lock while it holds endpointLock. No lock is
+// held while waiting for a reply or while blocked in poll() or a read; only a connection's own
+// writeLock is held while a frame is written to it, and that wait is bounded.
 //
 //   auto ipc = QBLumentideIPC::initWithSocketPath("/run/example.socket", false);
 //   ipc->startServerOnThread();
@@ -176,6 +176,9 @@ public:
     bool listen();
     // Number of connected clients (0 in client mode or when the server never started).
     std::int32_t clientCount() const;
+    // Blocks until a client is connected (true, at once when one is), the endpoint shuts down
+    // or timeout passes (false).
+    bool waitForClients(std::chrono::milliseconds timeout) const;
     // Descriptors of the connected clients, earliest first.
     std::vector<int> clientSockets() const;
     // Calls shutdown() and returns true when no client is connected; false otherwise.
@@ -293,6 +296,7 @@ private:
     static void markEnded(Connection& connection);
     void forgetWaitingEntry(const std::string& messageId);
     void abandonWaiters();
+    void notifyClientWaiters() const;
 
     std::shared_ptr<Connection> connectionForReader(int socket);
     bool enterReaderLoop(const std::shared_ptr<Connection>& connection);
@@ -339,6 +343,13 @@ private:
     // Guards messageReplies: answers that arrived and are not yet collected, by message id.
     std::mutex repliesLock;
     std::map<std::string, nlohmann::json> messageReplies;
+
+    // Guards nothing but the waits of waitForClients: clientArrivals counts connections that
+    // joined the client list, and every arrival and the shutdown notify clientsArrived. A leaf
+    // lock: no other lock is taken while it is held.
+    mutable std::mutex clientWaitLock;
+    mutable std::condition_variable clientsArrived;
+    std::atomic<std::uint64_t> clientArrivals{0};
 
     // Guards wakePipe, so that the wake byte is only written into the pipe while it is open.
     std::mutex wakeLock;
