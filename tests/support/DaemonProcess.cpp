@@ -18,6 +18,10 @@ DaemonProcess::~DaemonProcess() {
     }
 }
 
+bool DaemonProcess::start(const std::vector<std::string>& command) {
+    return start(command, Setup());
+}
+
 bool DaemonProcess::start(const std::vector<std::string>& command, const Setup& setup) {
     std::vector<char*> arguments;
     for (const auto& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));

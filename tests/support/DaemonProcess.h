@@ -26,7 +26,8 @@ public:
     // signals whatever this process blocks. False on failure.
     bool start(const std::string& path = QB_DAEMON_PATH) { return start(std::vector{path}); }
     // Starts command[0] with command as its arguments, the child set up as setup says.
-    bool start(const std::vector<std::string>& command, const Setup& setup = {});
+    bool start(const std::vector<std::string>& command);
+    bool start(const std::vector<std::string>& command, const Setup& setup);
     bool startWith(const Setup& setup) { return start(std::vector<std::string>{QB_DAEMON_PATH}, setup); }
     bool signal(int signalNumber) const;
     // Exit status once the child has ended within timeout; nullopt when it is still running or
