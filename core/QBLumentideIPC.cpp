@@ -346,6 +346,7 @@ struct QBLumentideIPC::Connection {
     std::mutex writeLock;
     bool closed = false;    // guarded by writeLock: the descriptor is closed, nothing is written
     OutgoingFrame outgoing; // guarded by writeLock
+    std::atomic<bool> waitingForRoom{false};  // the writeLock holder waits for the peer to read
 };
 
 // A request whose sender waits for its answer. Its flags are guarded by its connection's lock,
@@ -358,6 +359,10 @@ struct QBLumentideIPC::WaitingEntry {
     bool replied = false;    // the answer is in messageReplies
     bool abandoned = false;  // the endpoint shut down
     bool leading = false;    // the sender holds the read token of its connection
+    // Set for a request whose sender does not wait: it gets the answer (or nothing) instead. Such
+    // an entry is never among its connection's waiters, so the reader thread reads its answer;
+    // whoever takes the entry out of waitingMessages calls the handler, so it runs once.
+    AnswerHandler answered;
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -780,7 +785,24 @@ void QBLumentideIPC::shutdown() {
     abandonWaiters();
 }
 
+void QBLumentideIPC::abandonHandlers(const std::function<bool(const WaitingEntry&)>& matches) {
+    std::vector<AnswerHandler> handlers;
+    {
+        std::lock_guard waiting(waitingLock);
+        for (auto entry = waitingMessages.begin(); entry != waitingMessages.end();) {
+            if (entry->second->answered && matches(*entry->second)) {
+                handlers.push_back(std::move(entry->second->answered));
+                entry = waitingMessages.erase(entry);
+            } else {
+                ++entry;
+            }
+        }
+    }
+    for (const auto& handler : handlers) deliver(handler, std::nullopt);
+}
+
 void QBLumentideIPC::abandonWaiters() {
+    abandonHandlers([](const WaitingEntry&) { return true; });
     std::lock_guard waiting(waitingLock);
     for (const auto& [id, entry] : waitingMessages) {
         Connection& connection = *entry->connection;
@@ -808,6 +830,74 @@ std::optional<json> QBLumentideIPC::sendMessageToFirstClient(const std::string& 
         first = activeConnections.front()->socket;
     }
     return transmit(command, data, nullptr, true, first);
+}
+
+void QBLumentideIPC::sendMessageToFirstClient(const std::string& command, const json& data,
+                                              AnswerHandler answered) {
+    int first = -1;
+    if (mode_.load() == serverMode && data.is_object()) {
+        std::lock_guard clients(clientsLock);
+        if (!activeConnections.empty()) first = activeConnections.front()->socket;
+    }
+    std::shared_ptr<Connection> connection;
+    if (first >= 0) {
+        std::lock_guard endpoint(endpointLock);
+        connection = openConnection(first);
+    }
+    std::string messageId;
+    bool registered = false;
+    bool written = false;
+    // A send that waits for room holds the write lock for up to frameWriteTimeout; a client
+    // that makes senders wait is not reading now, so this request is not even tried.
+    if (connection && !connection->waitingForRoom.load()) {
+        std::lock_guard writing(connection->writeLock);
+        if (!connection->closed) {
+            {
+                std::lock_guard endpoint(endpointLock);
+                lastMessageId_ = nextMessageId(lastMessageId_);
+                messageId = std::to_string(lastMessageId_);
+            }
+            registered = connection->outgoing.encode(command, messageId, data, nullptr);
+        }
+        if (registered) {
+            // Registered before the first byte leaves, so that no answer can come too early.
+            auto entry = std::make_shared<WaitingEntry>(connection);
+            entry->answered = std::move(answered);
+            {
+                std::lock_guard waiting(waitingLock);
+                waitingMessages[messageId] = entry;
+            }
+            written = writeIfRoom(*connection, connection->outgoing.bytes);
+        }
+        connection->outgoing.release();
+    }
+    // The handler is called with no lock held.
+    if (!registered) {
+        deliver(answered, std::nullopt);
+    } else if (!written) {
+        abandonHandler(messageId);
+    }
+}
+
+void QBLumentideIPC::deliver(const AnswerHandler& handler, std::optional<json> answer) {
+    try {
+        handler(std::move(answer));
+    } catch (...) {
+        // A handler that fails loses its answer; the thread that delivers it (a connection's
+        // reader, or one tearing a connection down) goes on.
+    }
+}
+
+void QBLumentideIPC::abandonHandler(const std::string& messageId) {
+    AnswerHandler handler;
+    {
+        std::lock_guard waiting(waitingLock);
+        const auto found = waitingMessages.find(messageId);
+        if (found == waitingMessages.end() || !found->second->answered) return;
+        handler = std::move(found->second->answered);
+        waitingMessages.erase(found);
+    }
+    deliver(handler, std::nullopt);
 }
 
 std::optional<json> QBLumentideIPC::sendMessage(const std::string& command, const json& data) {
@@ -859,7 +949,7 @@ std::optional<json> QBLumentideIPC::transmit(const std::string& command, const j
             std::lock_guard waiting(waitingLock);
             waitingMessages[messageId] = entry;
         }
-        written = framed && writeWithinBound(connection->socket, connection->outgoing.bytes);
+        written = framed && writeWithinBound(*connection, connection->outgoing.bytes);
         connection->outgoing.release();
     }
     if (!written) {
@@ -888,18 +978,22 @@ std::shared_ptr<QBLumentideIPC::Connection> QBLumentideIPC::openConnection(int s
     return clientConnection && clientConnection->socket == socket ? clientConnection : nullptr;
 }
 
-bool QBLumentideIPC::writeWithinBound(int socket, const std::string& bytes) {
+bool QBLumentideIPC::writeWithinBound(Connection& connection, const std::string& bytes) {
+    const int socket = connection.socket;
     const auto deadline = std::chrono::steady_clock::now() + frameWriteTimeout;
     const bool written = writeInPieces(
         reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size(),
-        [socket, deadline](const std::uint8_t* piece, std::size_t length) -> std::ptrdiff_t {
+        [&](const std::uint8_t* piece, std::size_t length) -> std::ptrdiff_t {
             for (;;) {
                 const std::ptrdiff_t sent = sendNow(socket, piece, length);
                 if (sent >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) return sent;
                 const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
                     deadline - std::chrono::steady_clock::now());
                 pollfd room{socket, POLLOUT, 0};
-                if (left.count() <= 0 || ::poll(&room, 1, static_cast<int>(left.count()) + 1) == 0) {
+                connection.waitingForRoom.store(true);
+                const bool timedOut = left.count() <= 0 || ::poll(&room, 1, static_cast<int>(left.count()) + 1) == 0;
+                connection.waitingForRoom.store(false);
+                if (timedOut) {
                     errno = ETIMEDOUT;
                     return -1;
                 }
@@ -909,6 +1003,15 @@ bool QBLumentideIPC::writeWithinBound(int socket, const std::string& bytes) {
     // tears it down, and every sender waiting on it gets nothing).
     if (!written && errno == ETIMEDOUT) ::shutdown(socket, SHUT_RDWR);
     return written;
+}
+
+bool QBLumentideIPC::writeIfRoom(Connection& connection, const std::string& bytes) {
+    // A frame that has started must be finished, so only its first bytes may be refused.
+    const std::ptrdiff_t sent =
+        sendNow(connection.socket, reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
+    if (sent <= 0) return false;
+    const auto rest = static_cast<std::size_t>(sent);
+    return rest == bytes.size() || writeWithinBound(connection, bytes.substr(rest));
 }
 
 void QBLumentideIPC::enlistWaiter(WaitingEntry& entry) {
@@ -1150,12 +1253,16 @@ void QBLumentideIPC::endConnection(Connection& connection) {
             if (clientConnection.get() == &connection) clientConnection.reset();
         }
     }
-    // A sender that found the connection before it left the lists may still be writing: it
-    // fails at once on the shut-down socket, and the close waits for it to let go.
-    std::lock_guard writing(connection.writeLock);
-    connection.closed = true;
-    // Once the number is free, a new connection may get it; nothing here uses it any more.
-    ::close(connection.socket);
+    {
+        // A sender that found the connection before it left the lists may still be writing: it
+        // fails at once on the shut-down socket, and the close waits for it to let go.
+        std::lock_guard writing(connection.writeLock);
+        connection.closed = true;
+        // Once the number is free, a new connection may get it; nothing here uses it any more.
+        ::close(connection.socket);
+    }
+    // Closed, the connection takes no request any more.
+    abandonHandlers([&](const WaitingEntry& entry) { return entry.connection.get() == &connection; });
 }
 
 void QBLumentideIPC::handleEnvelope(json& envelope, Connection& connection) {
@@ -1196,22 +1303,34 @@ void QBLumentideIPC::matchReply(json& envelope, Connection& readingOn) {
     if (replyId == envelope.end() || !replyId->is_string()) return;
     const std::string& id = replyId->get_ref<const std::string&>();
     std::shared_ptr<WaitingEntry> entry;
-    bool leadingElsewhere;
+    bool leadingElsewhere = false;
+    AnswerHandler handler;
     {
         std::lock_guard waiting(waitingLock);
         const auto found = waitingMessages.find(id);
         if (found == waitingMessages.end()) return;
         entry = found->second;
-        ++readingOn.answersRead;
-        {
-            std::lock_guard replies(repliesLock);
-            messageReplies[id] = std::move(envelope["content"]);
+        if (entry->answered) {
+            // Nobody waits for it: the handler runs below, and this thread reads on (an answer
+            // of this kind is no reason for the reader thread to step aside).
+            handler = std::move(entry->answered);
+            waitingMessages.erase(found);
+        } else {
+            ++readingOn.answersRead;
+            {
+                std::lock_guard replies(repliesLock);
+                messageReplies[id] = std::move(envelope["content"]);
+            }
+            std::lock_guard guard(entry->connection->lock);
+            entry->replied = true;
+            // A sender that leads on this connection is the thread that runs here; one that
+            // leads on another waits in poll() there.
+            leadingElsewhere = entry->leading && entry->connection.get() != &readingOn;
         }
-        std::lock_guard guard(entry->connection->lock);
-        entry->replied = true;
-        // A sender that leads on this connection is the thread that runs here; one that leads
-        // on another waits in poll() there.
-        leadingElsewhere = entry->leading && entry->connection.get() != &readingOn;
+    }
+    if (handler) {
+        deliver(handler, std::move(envelope["content"]));
+        return;
     }
     // Signalled after the locks are released: the woken sender takes them at once to collect
     // its answer, and would otherwise block on this thread a second time.

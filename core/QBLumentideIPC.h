@@ -214,6 +214,17 @@ public:
     // in client mode or without clients.
     std::optional<nlohmann::json> sendMessageToFirstClient(const std::string& command,
                                                            const nlohmann::json& data);
+    // Receives the answer to a request sent without waiting: its "content", or nothing.
+    using AnswerHandler = std::function<void(std::optional<nlohmann::json> answer)>;
+    // Server: the same request, without waiting for the answer: answered is called exactly once,
+    // with the answer's content when it arrives (on the thread that reads it), or with nothing
+    // when the request cannot be sent now (no client, the client's socket is full: then on the
+    // calling thread, before this returns), its connection ends or the endpoint shuts down.
+    // Never waits for a client that does not read: it is not tried while a send to that client
+    // waits for room, and a frame it has started is finished within frameWriteTimeout. An
+    // exception from answered is dropped.
+    void sendMessageToFirstClient(const std::string& command, const nlohmann::json& data,
+                                  AnswerHandler answered);
     // Client: request on the connection, waiting for its answer; nothing when not connected.
     std::optional<nlohmann::json> sendMessage(const std::string& command, const nlohmann::json& data);
     // Client: one-way message on the connection.
@@ -287,7 +298,8 @@ private:
     std::optional<nlohmann::json> transmit(const std::string& command, const nlohmann::json& content,
                                            const std::string* replyId, bool getReply, int toSocket);
     std::shared_ptr<Connection> openConnection(int socket) const;
-    static bool writeWithinBound(int socket, const std::string& bytes);
+    static bool writeWithinBound(Connection& connection, const std::string& bytes);
+    static bool writeIfRoom(Connection& connection, const std::string& bytes);
     void enlistWaiter(WaitingEntry& entry);
     std::optional<nlohmann::json> awaitReply(const std::string& messageId, WaitingEntry& entry);
     bool mayLead(const Connection& connection) const;
@@ -297,6 +309,11 @@ private:
     void forgetWaitingEntry(const std::string& messageId);
     void abandonWaiters();
     void notifyClientWaiters() const;
+    // Takes out of waitingMessages the entries with an answer handler that match, and calls each
+    // handler with nothing, after the lock is released.
+    void abandonHandlers(const std::function<bool(const WaitingEntry&)>& matches);
+    void abandonHandler(const std::string& messageId);
+    static void deliver(const AnswerHandler& handler, std::optional<nlohmann::json> answer);
 
     std::shared_ptr<Connection> connectionForReader(int socket);
     bool enterReaderLoop(const std::shared_ptr<Connection>& connection);

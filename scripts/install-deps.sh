@@ -6,7 +6,7 @@ packages=(
     build-essential cmake ninja-build pkg-config
     libicu-dev nlohmann-json3-dev libplist-dev libsystemd-dev
     libgtest-dev libgmock-dev libbenchmark-dev
-    iproute2 util-linux procps curl wrk nginx-light python3
+    iproute2 util-linux procps curl wrk nginx-light python3 libglib2.0-bin
 )
 missing=()
 for package in "${packages[@]}"; do
