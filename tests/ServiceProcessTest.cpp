@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
 
 #include "QBLumentideIPC.h"
 #include "QBTCPSocket.h"
@@ -108,6 +109,8 @@ TEST(ServiceProcessTest, AStopSignalAlreadyPendingAtStartStopsTheService) {
 
 TEST(ServiceProcessTest, WithoutThreadsTheProcessStillEndsWithStatusZero) {
     QB_REQUIRE_PRIVATE_NAMESPACES();
+    // The leak checker of ASan builds needs a thread of its own at exit; there is none to be had.
+    ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
     DaemonProcess daemon;
     ASSERT_TRUE(daemon.startWith({.withoutThreads = true}));
     EXPECT_EQ(daemon.waitForExit(deadline), 0) << daemon.standardError();
