@@ -3,6 +3,7 @@
 #include <chrono>
 #include <thread>
 
+#include "QBKelvoBridge.h"
 #include "QBKelvoXMLRPCServer.h"
 #include "QBLumentideIPC.h"
 
@@ -27,10 +28,16 @@ void VorbelVPNService::startService() {
     setLumentideIPC(channel);
     channel->startServerOnThread();
 
+    // One bridge for both servers: a launch of the GUI application in flight is shared by the
+    // requests of both addresses.
+    auto bridge = std::make_shared<QBKelvoBridge>(
+        channel, std::make_shared<QBKelvoGUIApplication>(channel, settings_.guiApplication));
     const auto listeningPort = static_cast<std::int32_t>(port());
-    auto server1 = QBKelvoXMLRPCServer::serverWithAddress(address1(), listeningPort, channel);
+    auto server1 =
+        QBKelvoXMLRPCServer::serverWithAddress(address1(), listeningPort, channel, bridge);
     setXmlRpcServer1(server1);
-    auto server2 = QBKelvoXMLRPCServer::serverWithAddress(address2(), listeningPort, channel);
+    auto server2 =
+        QBKelvoXMLRPCServer::serverWithAddress(address2(), listeningPort, channel, bridge);
     setXmlRpcServer2(server2);
 
     // A stop that came while the parts above were being made found some of them unset; stop

@@ -17,6 +17,7 @@
 #include <string>
 
 #include "QBIPAddress.h"
+#include "QBKelvoGUIApplication.h"
 
 class QBKelvoXMLRPCServer;
 class QBLumentideIPC;
@@ -30,6 +31,8 @@ public:
         std::string address2 = "127.0.0.1";
         std::int64_t port = 986;
         std::string channelSocketPath = "/var/run/com.kelvo.TunnelwrightService.socket";
+        // The GUI application: where it is installed, who the console user is, how it starts.
+        QBKelvoGUIApplication::Settings guiApplication{};
     };
 
     VorbelVPNService() : VorbelVPNService(Settings{}) {}

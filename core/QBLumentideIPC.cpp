@@ -603,6 +603,30 @@ std::int32_t QBLumentideIPC::clientCount() const {
     return static_cast<std::int32_t>(activeConnections.size());
 }
 
+bool QBLumentideIPC::waitForClients(std::chrono::milliseconds timeout) const {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        // Read before the count: an arrival after the count was taken changes it, so the wait
+        // below cannot miss it.
+        const auto seen = clientArrivals.load();
+        if (clientCount() > 0) return true;
+        if (shutdownRequested.load()) return false;
+        std::unique_lock guard(clientWaitLock);
+        const bool woken = clientsArrived.wait_until(guard, deadline, [&] {
+            return clientArrivals.load() != seen || shutdownRequested.load();
+        });
+        if (!woken) {
+            guard.unlock();
+            return clientCount() > 0;
+        }
+    }
+}
+
+void QBLumentideIPC::notifyClientWaiters() const {
+    { std::lock_guard guard(clientWaitLock); }
+    clientsArrived.notify_all();
+}
+
 std::vector<int> QBLumentideIPC::clientSockets() const {
     std::lock_guard clients(clientsLock);
     std::vector<int> sockets;
@@ -690,6 +714,7 @@ void QBLumentideIPC::shutdown() {
         keepAlive = selfReference();
         setSelfReference(nullptr);
     }
+    notifyClientWaiters();
     abandonWaiters();
 }
 
@@ -917,9 +942,13 @@ bool QBLumentideIPC::enterReaderLoop(const std::shared_ptr<Connection>& connecti
     if (mode_.load() != serverMode) return !shutdownRequested.load();
     // Checked under the same lock as the teardown's sweep: a reader either joins the list
     // before the sweep or sees the flag and serves nothing.
-    std::lock_guard clients(clientsLock);
-    if (shutdownRequested.load()) return false;
-    activeConnections.push_back(connection);
+    {
+        std::lock_guard clients(clientsLock);
+        if (shutdownRequested.load()) return false;
+        activeConnections.push_back(connection);
+        ++clientArrivals;
+    }
+    notifyClientWaiters();
     return true;
 }
 

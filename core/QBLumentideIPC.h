@@ -40,8 +40,8 @@
 //
 // Lock order (outermost first): endpointLock, clientsLock, socketLock, waitingLock, repliesLock,
 // then a connection's lock, which also guards the state of the waiting entries of requests sent
-// on it (each entry's condition waits on it). wakeLock, delegateLock, selfLock and the thread
-// tracker's lock are leaves. No lock is held while waiting for a reply or while blocked in
+// on it (each entry's condition waits on it). wakeLock, clientWaitLock, delegateLock, selfLock
+// and the thread tracker's lock are leaves. No lock is held while waiting for a reply or while blocked in
 // poll() or a read; endpointLock is held while a frame is written, so that frames never
 // interleave.
 //
@@ -154,6 +154,9 @@ public:
     bool listen();
     // Number of connected clients (0 in client mode or when the server never started).
     std::int32_t clientCount() const;
+    // Blocks until a client is connected (true, at once when one is), the endpoint shuts down
+    // or timeout passes (false).
+    bool waitForClients(std::chrono::milliseconds timeout) const;
     // Descriptors of the connected clients, earliest first.
     std::vector<int> clientSockets() const;
     // Calls shutdown() and returns true when no client is connected; false otherwise.
@@ -269,6 +272,7 @@ private:
     static void markEnded(Connection& connection);
     void forgetWaitingEntry(const std::string& messageId);
     void abandonWaiters();
+    void notifyClientWaiters() const;
 
     std::shared_ptr<Connection> connectionForReader(int socket);
     bool enterReaderLoop(const std::shared_ptr<Connection>& connection);
@@ -310,6 +314,13 @@ private:
     // Guards messageReplies: answers that arrived and are not yet collected, by message id.
     std::mutex repliesLock;
     std::map<std::string, nlohmann::json> messageReplies;
+
+    // Guards nothing but the waits of waitForClients: clientArrivals counts connections that
+    // joined the client list, and every arrival and the shutdown notify clientsArrived. A leaf
+    // lock: no other lock is taken while it is held.
+    mutable std::mutex clientWaitLock;
+    mutable std::condition_variable clientsArrived;
+    std::atomic<std::uint64_t> clientArrivals{0};
 
     // Guards wakePipe, so that the wake byte is only written into the pipe while it is open.
     std::mutex wakeLock;

@@ -96,3 +96,13 @@ std::int64_t QBText::scanLeadingInteger(std::string_view text) {
     if (negative) return value;
     return value == min ? std::numeric_limits<std::int64_t>::max() : -value;
 }
+
+std::size_t QBText::utf16Length(std::string_view utf8) {
+    std::size_t units = 0;
+    for (const char byte : utf8) {
+        const auto value = static_cast<std::uint8_t>(byte);
+        if ((value & 0xC0) != 0x80) ++units;  // every byte but a continuation starts a character
+        if (value >= 0xF0) ++units;           // four-byte forms need a surrogate pair
+    }
+    return units;
+}

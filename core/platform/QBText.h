@@ -18,6 +18,9 @@ public:
 
     // UTF-16 form of UTF-8 text; nullopt when the bytes are not valid UTF-8.
     static std::optional<std::u16string> toUTF16(std::string_view utf8);
+    // Number of UTF-16 code units of well-formed UTF-8 text: one per character, two for one
+    // beyond U+FFFF. Counted from the lead bytes alone, without decoding.
+    static std::size_t utf16Length(std::string_view utf8);
     // UTF-8 form of UTF-16 text; an unpaired surrogate becomes U+FFFD.
     static std::string toUTF8(std::u16string_view utf16);
 

@@ -1,0 +1,76 @@
+#include "QBKelvoGUIApplication.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+
+#include "QBLumentideIPC.h"
+#include "platform/QBDesktopEntry.h"
+#include "platform/QBUserProcess.h"
+
+namespace {
+
+bool isRegularFile(const std::string& path) {
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
+}
+
+}  // namespace
+
+QBKelvoGUIApplication::QBKelvoGUIApplication(std::shared_ptr<QBLumentideIPC> channel,
+                                             Settings settings)
+    : channel(std::move(channel)), settings_(std::move(settings)) {}
+
+std::chrono::milliseconds QBKelvoGUIApplication::waitBound() const {
+    return settings_.checkInterval * std::max(settings_.availabilityChecks, 0);
+}
+
+bool QBKelvoGUIApplication::isGUIApplicationAvailableAndStartIfNeeded(bool startIfNeeded) {
+    if (!channel) return false;
+    if (channel->clientCount() > 0) return true;
+    if (!startIfNeeded || channel->isShutdown()) return false;
+    launchUnlessInFlight();
+    return channel->waitForClients(waitBound());
+}
+
+bool QBKelvoGUIApplication::launchUnlessInFlight() {
+    {
+        std::lock_guard guard(launchLock);
+        const auto now = std::chrono::steady_clock::now();
+        if (lastLaunch && now - *lastLaunch < waitBound()) return false;
+        lastLaunch = now;
+    }
+    launchGUIApplication();
+    return true;
+}
+
+void QBKelvoGUIApplication::launchGUIApplication() {
+    const auto user = getGUIUser();
+    if (!user || user->userId == 0 || user->groupId == 0) return;
+    const auto path = getGUIApplicationPath();
+    if (!path) return;
+    auto arguments = settings_.launcher;
+    arguments.push_back(*path);
+    QBUserProcess::launchDetached(*user, arguments, user->sessionEnvironment());
+}
+
+std::optional<std::string> QBKelvoGUIApplication::getGUIApplicationPath() const {
+    if (isRegularFile(settings_.applicationPath)) return settings_.applicationPath;
+    return QBDesktopEntry::findById(settings_.applicationIdentifier, settings_.dataDirectories);
+}
+
+std::optional<QBConsoleUser> QBKelvoGUIApplication::getGUIUser() const {
+    auto user = settings_.consoleUser ? settings_.consoleUser() : std::nullopt;
+    if (!user || user->name.empty() || user->name == loggedOutUserName) return std::nullopt;
+    return user;
+}
+
+std::optional<std::string> QBKelvoGUIApplication::installedVersion() const {
+    const auto path = getGUIApplicationPath();
+    const auto entry = path ? QBDesktopEntry::read(*path) : std::nullopt;
+    if (!entry) return std::nullopt;
+    const auto shortVersion = entry->value(shortVersionKey);
+    const auto buildVersion = entry->value(buildVersionKey);
+    if (!shortVersion || !buildVersion) return std::nullopt;
+    return *shortVersion + "," + *buildVersion;
+}

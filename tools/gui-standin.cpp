@@ -1,0 +1,412 @@
+// gui-standin: stands in for the VPN client's GUI application on the service's message channel,
+// for tests, benchmarks and people trying the daemon by hand.
+//
+//   gui-standin [--socket PATH] [--answers FILE] [--version TEXT] [--quiet]
+//
+// It connects to the channel socket as the GUI application does (the client end of the framed
+// JSON channel), answers every "serviceCmd" from a small VPN state, and reconnects every 250 ms
+// while the daemon is not there, so it survives the daemon's restarts. It prints every frame it
+// receives as one compact JSON line on standard output (unless --quiet) and its status on
+// standard error. SIGINT or SIGTERM ends it with status 0.
+//
+// The VPN state: "disconnected" at first; connect or connectWithToken makes it "connecting",
+// and "connected" a second later; disconnect "disconnected", suspend "suspended", resume
+// "connected" again. While connected, the connection time counts and the traffic figures move.
+//
+// --answers FILE: a JSON object that overrides the answers of some commands, for example
+//   {"state": {"content": {"result": 3}}, "connect": {"delayMs": 500}, "trafficRates": {"noReply": true}}
+// "content" is sent as the reply's content as it is; "delayMs" holds the reply back (other
+// commands are answered meanwhile); "noReply" sends none at all.
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <queue>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "QBLumentideIPC.h"
+
+using json = nlohmann::json;
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr const char* defaultSocketPath = "/var/run/com.kelvo.TunnelwrightService.socket";
+constexpr auto reconnectInterval = 250ms;
+constexpr auto connectingTime = 1s;
+
+std::atomic<bool> stopping{false};
+
+struct Options {
+    std::string socketPath = defaultSocketPath;
+    std::string answersFile;
+    std::string version = "1.0.0,1";
+    bool quiet = false;
+};
+
+// What --answers says about one command.
+struct FixedAnswer {
+    std::optional<json> content;
+    std::chrono::milliseconds delay{0};
+    bool noReply = false;
+};
+
+// The VPN state the stand-in reports. Any thread; one lock guards everything.
+class VpnState {
+public:
+    explicit VpnState(std::string version) : version(std::move(version)) {}
+
+    json answer(const std::string& command) {
+        std::lock_guard guard(lock);
+        const auto now = Clock::now();
+        advance(now);
+        if (command == "connect" || command == "connectWithToken") {
+            if (state == "disconnected") state = "connecting", connectingSince = now;
+            return result(state);
+        }
+        if (command == "disconnect") state = "disconnected";
+        if (command == "suspend" && state == "connected") state = "suspended";
+        if (command == "resume" && state == "suspended") state = "connected";
+        if (command == "disconnect" || command == "suspend" || command == "resume") {
+            return result("OK");
+        }
+        if (command == "authorize") return result(1);
+        if (command == "state") return result(state);
+        if (command == "connectionTime") return result(secondsConnected(now));
+        if (command == "connectionTimeDisplayable") return result(displayableTime(now));
+        if (command == "trafficRates") return result(pair(rxRate(now), txRate(now)));
+        if (command == "trafficTotals") return result(pair(rxTotal, txTotal));
+        if (command == "clientVersion") return json{{"version", version}};
+        return json{{"status", "UNKNOWN"}};
+    }
+
+private:
+    static json result(json value) { return json{{"result", std::move(value)}}; }
+    static std::string pair(double first, double second) {
+        return std::to_string(std::llround(first)) + "," + std::to_string(std::llround(second));
+    }
+    bool isOnline() const { return state == "connected" || state == "suspended"; }
+    double seconds(Clock::time_point now) const {
+        return std::chrono::duration<double>(now - connectedSince).count();
+    }
+    std::int64_t secondsConnected(Clock::time_point now) const {
+        return isOnline() ? static_cast<std::int64_t>(seconds(now)) : 0;
+    }
+    std::string displayableTime(Clock::time_point now) const {
+        if (!isOnline()) return "";
+        const auto total = secondsConnected(now);
+        char text[32];
+        std::snprintf(text, sizeof text, "%02lld:%02lld:%02lld",
+                      static_cast<long long>(total / 3600), static_cast<long long>(total / 60 % 60),
+                      static_cast<long long>(total % 60));
+        return text;
+    }
+    // Bytes per second that wander around a typical figure while traffic flows.
+    double rxRate(Clock::time_point now) const {
+        return state == "connected" ? 180000 + 60000 * std::sin(seconds(now) / 3) : 0;
+    }
+    double txRate(Clock::time_point now) const {
+        return state == "connected" ? 40000 + 15000 * std::cos(seconds(now) / 5) : 0;
+    }
+    // Moves time forward: a finished "connecting" becomes "connected", the totals grow.
+    void advance(Clock::time_point now) {
+        if (state == "connecting" && now - connectingSince >= connectingTime) {
+            state = "connected";
+            connectedSince = lastUpdate = connectingSince + connectingTime;
+            rxTotal = txTotal = 0;
+        }
+        if (state == "connected") {
+            const double elapsed = std::chrono::duration<double>(now - lastUpdate).count();
+            rxTotal += rxRate(now) * elapsed;
+            txTotal += txRate(now) * elapsed;
+        }
+        lastUpdate = now;
+    }
+
+    const std::string version;
+    std::mutex lock;
+    std::string state = "disconnected";
+    Clock::time_point connectingSince{}, connectedSince{}, lastUpdate{};
+    double rxTotal = 0, txTotal = 0;
+};
+
+// One connection to the daemon's channel: buffered frame reads on the reading thread, whole
+// frames written under a lock from any thread.
+class ChannelConnection {
+public:
+    explicit ChannelConnection(int socket) : socket(socket) {}
+    ~ChannelConnection() { ::close(socket); }
+
+    std::optional<json> readEnvelope() {
+        return QBLumentideIPC::readFrame([this](std::uint8_t* bytes, std::size_t length) {
+            return receive(bytes, length);
+        });
+    }
+    void reply(const std::string& replyId, const json& content) {
+        std::lock_guard guard(writeLock);
+        const json envelope{{"command", "reply"},
+                            {"messageid", std::to_string(++lastMessageId)},
+                            {"replyid", replyId},
+                            {"content", content}};
+        const auto frame = QBLumentideIPC::frameWithEnvelope(envelope);
+        QBLumentideIPC::writeFrame(frame, [this](const std::uint8_t* bytes, std::size_t length) {
+            return ::send(socket, bytes, length, MSG_NOSIGNAL);
+        });
+    }
+    void interrupt() { ::shutdown(socket, SHUT_RDWR); }
+
+private:
+    // Hands out buffered bytes, receiving in large pieces; waits for as many bytes as asked for,
+    // since the daemon writes whole frames.
+    std::ptrdiff_t receive(std::uint8_t* bytes, std::size_t length) {
+        while (buffered.size() - offset < length) {
+            if (offset > 0) buffered.erase(0, offset), offset = 0;
+            char chunk[65536];
+            const ssize_t got = ::recv(socket, chunk, sizeof chunk, 0);
+            if (got <= 0) return got;
+            buffered.append(chunk, static_cast<std::size_t>(got));
+        }
+        std::memcpy(bytes, buffered.data() + offset, length);
+        offset += length;
+        return static_cast<std::ptrdiff_t>(length);
+    }
+
+    const int socket;
+    std::string buffered;
+    std::size_t offset = 0;
+    std::mutex writeLock;  // guards lastMessageId and whole-frame writes
+    std::int64_t lastMessageId = 0;
+};
+
+// Replies held back by "delayMs", sent by one thread at their time.
+class DelayedReplies {
+public:
+    DelayedReplies() : thread([this] { run(); }) {}
+    ~DelayedReplies() {
+        {
+            std::lock_guard guard(lock);
+            ending = true;
+        }
+        wake.notify_one();
+        thread.join();
+    }
+    void add(Clock::time_point due, std::function<void()> send) {
+        {
+            std::lock_guard guard(lock);
+            pending.push({due, sequence++, std::move(send)});
+        }
+        wake.notify_one();
+    }
+
+private:
+    struct Entry {
+        Clock::time_point due;
+        std::uint64_t order;
+        std::function<void()> send;
+        bool operator>(const Entry& other) const {
+            return due != other.due ? due > other.due : order > other.order;
+        }
+    };
+    void run() {
+        std::unique_lock guard(lock);
+        while (!ending) {
+            if (pending.empty()) {
+                wake.wait(guard);
+            } else if (pending.top().due > Clock::now()) {
+                wake.wait_until(guard, pending.top().due);
+            } else {
+                auto send = pending.top().send;
+                pending.pop();
+                guard.unlock();
+                send();
+                guard.lock();
+            }
+        }
+    }
+
+    std::mutex lock;  // guards pending, sequence, ending
+    std::condition_variable wake;
+    std::priority_queue<Entry, std::vector<Entry>, std::greater<>> pending;
+    std::uint64_t sequence = 0;
+    bool ending = false;
+    std::thread thread;
+};
+
+std::map<std::string, FixedAnswer> loadAnswers(const std::string& path) {
+    std::map<std::string, FixedAnswer> answers;
+    if (path.empty()) return answers;
+    std::ifstream file(path);
+    const json document = json::parse(file, nullptr, false);
+    if (!document.is_object()) {
+        std::cerr << "gui-standin: " << path << " is not a JSON object; ignored\n";
+        return answers;
+    }
+    for (const auto& [command, entry] : document.items()) {
+        if (!entry.is_object()) continue;
+        FixedAnswer answer;
+        if (entry.contains("content")) answer.content = entry["content"];
+        answer.delay = std::chrono::milliseconds(entry.value("delayMs", 0));
+        answer.noReply = entry.value("noReply", false);
+        answers[command] = answer;
+    }
+    return answers;
+}
+
+int connectTo(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) return -1;
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (socket < 0) return -1;
+    if (::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        ::close(socket);
+        return -1;
+    }
+    return socket;
+}
+
+class StandIn {
+public:
+    explicit StandIn(const Options& options)
+        : options(options), answers(loadAnswers(options.answersFile)), state(options.version) {}
+
+    // Serves one connection until it ends or a stop signal arrives.
+    void serve(const std::shared_ptr<ChannelConnection>& connection) {
+        while (auto envelope = connection->readEnvelope()) {
+            if (!options.quiet) std::cout << envelope->dump() << std::endl;
+            if (!QBLumentideIPC::isValidEnvelope(*envelope) || (*envelope)["command"] == "reply") {
+                continue;
+            }
+            answer(connection, *envelope);
+        }
+    }
+
+private:
+    // A delayed reply holds the connection; if that has ended by then, the write just fails.
+    void answer(const std::shared_ptr<ChannelConnection>& connection, const json& envelope) {
+        const std::string id = envelope["messageid"];
+        const json& content = envelope["content"];
+        const std::string command =
+            content.contains("command") && content["command"].is_string() ? content["command"] : "";
+        if (envelope["command"] != "serviceCmd") {
+            connection->reply(id, json{{"status", "OK"}});
+            return;
+        }
+        const auto fixed = answers.find(command);
+        if (fixed == answers.end()) {
+            connection->reply(id, state.answer(command));
+            return;
+        }
+        if (fixed->second.noReply) return;
+        // The state still changes as the command says, whatever the fixed reply claims.
+        json reply = state.answer(command);
+        if (fixed->second.content) reply = *fixed->second.content;
+        if (fixed->second.delay.count() <= 0) {
+            connection->reply(id, reply);
+            return;
+        }
+        delayed.add(Clock::now() + fixed->second.delay,
+                    [connection, id, reply] { connection->reply(id, reply); });
+    }
+
+    const Options options;
+    const std::map<std::string, FixedAnswer> answers;
+    VpnState state;
+    DelayedReplies delayed;  // declared last: its thread ends before the state goes
+};
+
+std::optional<Options> parseOptions(int argc, char** argv) {
+    Options options;
+    for (int i = 1; i < argc; ++i) {
+        const std::string argument = argv[i];
+        const bool hasValue = i + 1 < argc;
+        if (argument == "--socket" && hasValue) {
+            options.socketPath = argv[++i];
+        } else if (argument == "--answers" && hasValue) {
+            options.answersFile = argv[++i];
+        } else if (argument == "--version" && hasValue) {
+            options.version = argv[++i];
+        } else if (argument == "--quiet") {
+            options.quiet = true;
+        } else {
+            return std::nullopt;
+        }
+    }
+    return options;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const auto options = parseOptions(argc, argv);
+    if (!options) {
+        std::cerr << "usage: gui-standin [--socket PATH] [--answers FILE] [--version TEXT] [--quiet]\n";
+        return 2;
+    }
+    // The stop signals are taken by one thread; the others never see them.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+    StandIn standIn(*options);
+    std::mutex connectionLock;  // guards current, so the signal thread interrupts a live one
+    std::shared_ptr<ChannelConnection> current;
+    std::condition_variable stopWake;
+    std::thread signalWaiter([&] {
+        int received = 0;
+        sigwait(&stopSignals, &received);
+        std::lock_guard guard(connectionLock);
+        stopping = true;
+        if (current) current->interrupt();
+        stopWake.notify_all();
+    });
+
+    bool wasConnected = true;  // so that the first failure is reported
+    while (!stopping) {
+        const int socket = connectTo(options->socketPath);
+        if (socket < 0) {
+            if (wasConnected) std::cerr << "gui-standin: waiting for " << options->socketPath << "\n";
+            wasConnected = false;
+            std::unique_lock guard(connectionLock);
+            stopWake.wait_for(guard, reconnectInterval, [] { return stopping.load(); });
+            continue;
+        }
+        auto connection = std::make_shared<ChannelConnection>(socket);
+        {
+            std::lock_guard guard(connectionLock);
+            if (stopping) break;
+            current = connection;
+        }
+        std::cerr << "gui-standin: connected to " << options->socketPath << "\n";
+        wasConnected = true;
+        standIn.serve(connection);
+        std::lock_guard guard(connectionLock);
+        current = nullptr;
+        if (!stopping) std::cerr << "gui-standin: disconnected\n";
+    }
+    signalWaiter.join();
+    return 0;
+}
