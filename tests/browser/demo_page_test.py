@@ -296,7 +296,7 @@ def call_every_method(page):
     page.wait_live(connected=True)
     # A second's refresh moves the live figures.
     before = page.text("live-updated")
-    wait_for(lambda: page.text("live-updated") != before, 3, "the live panel to refresh")
+    wait_for(lambda: page.text("live-updated") != before, ANSWER_TIMEOUT, "the live panel to refresh")
     check(re.fullmatch(r"\d\d:\d\d:\d\d \(\d+ s\)", page.text("live-time")),
           f"live connection time {page.text('live-time')!r}")
     check(re.fullmatch(r"[1-9]\d*,[1-9]\d*", page.text("live-rates")),
