@@ -88,7 +88,21 @@ async function callMethod(method, params) {
     if (!answer) throw new CallError("the answer is not an XML-RPC method response");
     return {...answer, url};
   }
-  throw new CallError("connection closed without an answer (call refused, or no service)");
+  if (await loopbackPermission() === "denied") {
+    throw new CallError("blocked by the browser: this site may not reach apps on this device " +
+                        "(permission \"loopback-network\" denied)");
+  }
+  throw new CallError("no answer: connection closed unanswered, or refused");
+}
+
+// Chromium's Local Network Access asks the user before a page from a public address may reach
+// loopback; a denied (or, for a non-secure page, impossible) permission fails like a network error.
+async function loopbackPermission() {
+  try {
+    return (await navigator.permissions.query({name: "loopback-network"})).state;
+  } catch {
+    return "unknown";  // a browser without that permission
+  }
 }
 
 function argumentParams(names) {

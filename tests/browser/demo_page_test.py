@@ -5,8 +5,10 @@ The daemon runs on its real port 986 and socket path inside private network, mou
 namespaces (the script re-executes itself under unshare), with the GUI stand-in tool connected as
 its GUI application; the page is served from another loopback origin, so every call goes through
 Chromium's own CORS preflight. The page's buttons call all thirteen methods; the test checks the
-answers the page shows, the frames the stand-in received, the live panel, and, once the stand-in
-has stopped, the defaults. Screenshots are written to the artifact directory.
+answers the page shows, the frames the stand-in received, the live panel, the page's fallback to
+the second address and, once the stand-in has stopped, the defaults; last, that a page from a
+public address is blocked by Chromium's Local Network Access. Screenshots are written to the
+artifact directory.
 
 Exit status: 0 passed, 1 failed (including a Chromium that cannot start), 77 skipped (no root or
 no namespaces: a visible SKIP).
@@ -33,6 +35,8 @@ CHROMEDRIVER = "/usr/bin/chromedriver"
 DAEMON_ADDRESS = ("127.94.0.1", 986)
 FALLBACK_ADDRESS = ("127.0.0.1", 986)
 PAGE_ORIGIN = ("127.0.0.1", 8000)
+# The page served once more, on an origin that Chromium is told to treat as a public address.
+PUBLIC_ORIGIN = ("127.0.0.1", 8001)
 STANDIN_VERSION = "4.2.0,77"
 # Argument values typed into the page; the non-ASCII server name checks that the body's length
 # is counted in bytes on both sides.
@@ -47,6 +51,7 @@ CHROMIUM_FLAGS = [
     "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
     "--disable-background-networking", "--disable-component-update", "--disable-sync",
     "--disable-dev-shm-usage", "--window-size=1100,1060", "--hide-scrollbars",
+    "--ip-address-space-overrides=%s:%d=public" % PUBLIC_ORIGIN,
 ]
 
 
@@ -123,9 +128,10 @@ class Stage:
         return standin, frames
 
     def serve_page(self):
-        self.start([sys.executable, "-m", "http.server", str(PAGE_ORIGIN[1]), "--bind",
-                    PAGE_ORIGIN[0], "--directory", self.args.web], stdout=self.log)
-        wait_for(lambda: answers_tcp(PAGE_ORIGIN), START_TIMEOUT, "the page's web server")
+        for origin in (PAGE_ORIGIN, PUBLIC_ORIGIN):
+            self.start([sys.executable, "-m", "http.server", str(origin[1]), "--bind", origin[0],
+                        "--directory", self.args.web], stdout=self.log)
+            wait_for(lambda: answers_tcp(origin), START_TIMEOUT, "the page's web server")
 
     def stop(self, child, name):
         """Ends a child with SIGTERM and checks that it exits with status 0."""
@@ -329,7 +335,7 @@ def check_refusal_shows_as_error(driver):
     outcome = driver.execute_async_script(
         "const done = arguments[arguments.length - 1];"
         "callMethod('State', []).then(a => done('answered ' + a.value), e => done('error ' + e.message));")
-    check(outcome.startswith("error connection closed without an answer"),
+    check(outcome.startswith("error no answer: connection closed"),
           f"a refused call shows {outcome!r}")
 
 
@@ -356,6 +362,17 @@ def check_defaults_without_gui(page, stage, standin, daemon):
             expect(page, method, want_type, want_value, DEFAULTS_TIMEOUT)
 
 
+def check_public_origin_is_blocked(driver):
+    """Local Network Access: a page from a public address needs the user's permission to reach
+    loopback; headless Chromium denies it, and the page says that the browser blocked the call."""
+    driver.get("http://%s:%d/" % PUBLIC_ORIGIN)
+    page = DemoPage(driver)
+    page.click("clientOS")
+    state, _, value = page.answer("clientOS")
+    check(state == "error" and "loopback-network" in value,
+          f"from a public origin the page shows {state} {value!r}")
+
+
 def start_chromium(scratch):
     from selenium import webdriver
     from selenium.webdriver.chrome.service import Service
@@ -367,7 +384,8 @@ def start_chromium(scratch):
     try:
         return webdriver.Chrome(service=service, options=options)
     except Exception as error:  # whatever the reason, it is this test's failure, not a skip
-        raise TestFailure(f"Chromium could not start: {error}") from error
+        reason = str(error).split("Stacktrace:")[0].strip()
+        raise TestFailure(f"Chromium could not start: {reason}") from error
 
 
 def run_inside(args):
@@ -392,11 +410,13 @@ def run_inside(args):
         check_refusal_shows_as_error(driver)
         check_defaults_without_gui(page, stage, standin, daemon)
         driver.save_screenshot(os.path.join(args.artifacts, "demo-page-defaults.png"))
+        check_public_origin_is_blocked(driver)
         print(f"PASS: demo page in headless Chromium, {time.monotonic() - started:.1f} s; "
               f"screenshots in {args.artifacts}")
         return 0
-    except TestFailure as failure:
-        print(f"FAIL: {failure}")
+    except Exception as failure:  # a failed check, or the browser driver's own error
+        reason = failure if isinstance(failure, TestFailure) else repr(failure)
+        print(f"FAIL: {reason}")
         if driver is not None:
             driver.save_screenshot(os.path.join(args.artifacts, "demo-page-failure.png"))
         print("--- daemon, stand-in and web server output (last lines):\n" + stage.log_tail())
