@@ -68,8 +68,8 @@ async function post(url, body) {
   return response.text();
 }
 
-// Sends one call, to the second address when the first gives no answer. Resolves to
-// {type, value, url}; rejects with a CallError that says why there is no answer.
+// Sends one call, to the second address when the first refuses or closes the connection.
+// Resolves to {type, value, url}; rejects with a CallError that says why there is no answer.
 async function callMethod(method, params) {
   const body = methodCallXML(method, params);
   for (const url of ENDPOINTS) {
@@ -77,6 +77,7 @@ async function callMethod(method, params) {
     try {
       text = await post(url, body);
     } catch (error) {
+      // A silent service is not asked again on the other address: that would double the wait.
       if (error.name === "TimeoutError") {
         throw new CallError(`no answer within ${CALL_TIMEOUT_MS / 1000} s`);
       }
