@@ -158,6 +158,30 @@ TEST(ServiceProcessTest, StopUnderLoadEndsAtOnceAndLeavesNothingBehind) {
     EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "a child of the daemon is still there";
 }
 
+TEST(ServiceProcessTest, TakesTheChannelSocketFromTheServiceManager) {
+    QB_REQUIRE_PRIVATE_NAMESPACES();
+    // systemd's own helper listens and, at the first connection, execs the daemon with the
+    // socket passed as "MasterSocket".
+    DaemonProcess daemon;
+    ASSERT_TRUE(daemon.start({"/usr/bin/systemd-socket-activate", "-l", channelPath,
+                              "--fdname=MasterSocket", QB_DAEMON_PATH}));
+    std::shared_ptr<QBLumentideIPC> gui;
+    ASSERT_TRUE(eventually([&] {
+        gui = QBLumentideIPC::initWithSocketPath(channelPath, false);
+        return gui->connect();
+    })) << daemon.standardError();
+    ASSERT_TRUE(listening(aliasAddress));
+    EXPECT_EQ(gui->sendMessage("hello", {{"answer", 42}}).value_or(nullptr)["status"], "INVALID");
+    gui->shutdown();
+    gui->waitForThreads(deadline);
+
+    ASSERT_TRUE(daemon.signal(SIGTERM));
+    EXPECT_EQ(daemon.waitForExit(deadline), 0);
+    // The socket file belongs to the service manager, which keeps listening.
+    EXPECT_EQ(::access(channelPath, F_OK), 0);
+    EXPECT_EQ(daemon.standardError().find("Failed"), std::string::npos) << daemon.standardError();
+}
+
 // The service in this process, with the interface tool replaced by a script that records its
 // command lines and lists the alias or not.
 struct RecordedAliasCase {
