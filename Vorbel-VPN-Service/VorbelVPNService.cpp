@@ -69,6 +69,8 @@ void VorbelVPNService::startService() {
         server1->shutdown();
         server2->shutdown();
         channel->shutdown();
+        channel->waitForThreads(channelTeardownTimeout);
+        removeIPAlias();  // the stop may have looked before addIPAlias had set the flag
     }
 
     std::thread serving1([server1] { server1->serve(); });
