@@ -1,5 +1,6 @@
 #include "QBKelvoBridge.h"
 
+#include <array>
 #include <cmath>
 #include <limits>
 
@@ -15,14 +16,6 @@ namespace {
 constexpr const char* resultKey = "result";
 constexpr const char* versionKey = "version";
 
-std::string stringResult(const std::optional<json>& answer, const char* fallback) {
-    return QBKelvoBridge::stringAnswer(answer, resultKey).value_or(fallback);
-}
-
-json commandContent(const char* command) {
-    return json{{"command", command}};
-}
-
 // A fractional number cut toward zero, clamped to the 64-bit range.
 std::int64_t integerPart(double value) {
     constexpr double limit = 9223372036854775808.0;  // 2^63
@@ -32,11 +25,115 @@ std::int64_t integerPart(double value) {
     return static_cast<std::int64_t>(std::trunc(value));
 }
 
+bool isPort(std::int64_t value) {
+    return value >= QBKelvoBridge::lowestPort && value <= QBKelvoBridge::highestPort;
+}
+
 }  // namespace
 
 QBKelvoBridge::QBKelvoBridge(std::shared_ptr<QBLumentideIPC> channel,
                              std::shared_ptr<QBKelvoGUIApplication> application)
     : channel(std::move(channel)), application(std::move(application)) {}
+
+// ---- The relayed commands -------------------------------------------------------------------
+
+const QBKelvoBridge::Rule* QBKelvoBridge::findRule(std::string_view method) {
+    using I = Inputs;
+    using K = AnswerKind;
+    static const std::array<Rule, 12> rules{{
+        {"clientVersion", I::none, K::version, unknownVersion},
+        {"authorize", I::server, K::number, std::int64_t{0}},
+        {"connect", I::server, K::text, ""},
+        {"connectWithToken", I::serverAndToken, K::text, ""},
+        {"disconnect", I::token, K::ignored, ""},
+        {"suspend", I::token, K::ignored, ""},
+        {"resume", I::none, K::ignored, ""},
+        {"state", I::none, K::text, "disconnected"},
+        {"connectionTime", I::none, K::number, std::int64_t{0}},
+        {"connectionTimeDisplayable", I::none, K::text, ""},
+        {"trafficRates", I::none, K::text, "0,0"},
+        {"trafficTotals", I::none, K::text, "0,0"},
+    }};
+    for (const auto& rule : rules) {
+        if (rule.method == method) return &rule;
+    }
+    return nullptr;
+}
+
+std::optional<json> QBKelvoBridge::contentFor(const Rule& rule, const Arguments& arguments) {
+    json content{{"command", rule.method}};
+    if (rule.inputs == Inputs::server || rule.inputs == Inputs::serverAndToken) {
+        if (arguments.server.empty() || !isPort(arguments.port) || !isPort(arguments.webPort)) {
+            return std::nullopt;
+        }
+        content["server"] = arguments.server;
+        content["port"] = arguments.port;
+        content["webPort"] = arguments.webPort;
+    }
+    const auto tokenLength = QBText::utf16Length(arguments.token);
+    if (rule.inputs == Inputs::serverAndToken) {
+        if (tokenLength < 1 || tokenLength > maximumTokenLength) return std::nullopt;
+        content["securityToken"] = arguments.token;
+    }
+    if (rule.inputs == Inputs::token) {
+        // Not refused: a token that is too long is sent as the empty one.
+        content["securityToken"] = tokenLength > maximumTokenLength ? "" : arguments.token;
+    }
+    return content;
+}
+
+QBKelvoBridge::Result QBKelvoBridge::resultFrom(const Rule& rule,
+                                                const std::optional<json>& answer) const {
+    switch (rule.answer) {
+        case AnswerKind::ignored:
+            return rule.fallback;
+        case AnswerKind::text:
+            if (auto text = stringAnswer(answer, resultKey)) return *text;
+            return rule.fallback;
+        case AnswerKind::number:
+            if (auto number = numberAnswer(answer, resultKey)) return *number;
+            return rule.fallback;
+        case AnswerKind::version:
+            if (auto version = stringAnswer(answer, versionKey)) return *version;
+            if (application) {
+                if (auto installed = application->installedVersion()) return *installed;
+            }
+            return rule.fallback;
+    }
+    return rule.fallback;
+}
+
+QBKelvoBridge::Result QBKelvoBridge::perform(std::string_view method, const Arguments& arguments) {
+    const Rule* rule = findRule(method);
+    if (!rule) return "";
+    const auto content = contentFor(*rule, arguments);
+    if (!content) return rule->fallback;
+    // clientVersion asks only a GUI that is connected now; the others launch it when needed.
+    const bool launchAllowed = rule->answer != AnswerKind::version;
+    std::optional<json> answer;
+    if (application && channel &&
+        application->isGUIApplicationAvailableAndStartIfNeeded(launchAllowed)) {
+        answer = channel->sendMessageToFirstClient(serviceCommand, *content);
+    }
+    return resultFrom(*rule, answer);
+}
+
+bool QBKelvoBridge::startCommand(std::string_view method, const Arguments& arguments,
+                                 const Finish& finish) {
+    const Rule* rule = findRule(method);
+    if (!rule || !channel) return false;
+    auto content = contentFor(*rule, arguments);
+    if (!content) {
+        finish(rule->fallback);
+        return true;
+    }
+    // Without a client the command may have to launch the GUI and wait: not here.
+    if (channel->clientCount() == 0) return false;
+    channel->sendMessageToFirstClient(
+        serviceCommand, *content,
+        [this, rule, finish](std::optional<json> answer) { finish(resultFrom(*rule, answer)); });
+    return true;
+}
 
 // ---- Answers --------------------------------------------------------------------------------
 
@@ -65,101 +162,61 @@ std::optional<std::int64_t> QBKelvoBridge::numberAnswer(const std::optional<json
     return std::nullopt;
 }
 
-// ---- Relaying -------------------------------------------------------------------------------
+// ---- The thirteen operations ----------------------------------------------------------------
 
-std::optional<json> QBKelvoBridge::relay(const json& content, bool launchAllowed) {
-    if (!application || !channel ||
-        !application->isGUIApplicationAvailableAndStartIfNeeded(launchAllowed)) {
-        return std::nullopt;
-    }
-    return channel->sendMessageToFirstClient(serviceCommand, content);
+namespace {
+
+std::string text(QBKelvoBridgeCommands::Result result) {
+    return std::get<std::string>(std::move(result));
 }
 
-bool QBKelvoBridge::acceptsServer(const std::string& server, std::int64_t port,
-                                  std::int64_t webPort) {
-    const auto isPort = [](std::int64_t value) { return value >= lowestPort && value <= highestPort; };
-    return !server.empty() && isPort(port) && isPort(webPort);
+std::int64_t number(const QBKelvoBridgeCommands::Result& result) {
+    return std::get<std::int64_t>(result);
 }
 
-json QBKelvoBridge::serverContent(const char* command, const std::string& server,
-                                  std::int64_t port, std::int64_t webPort) {
-    return json{{"command", command}, {"server", server}, {"port", port}, {"webPort", webPort}};
-}
-
-std::string QBKelvoBridge::boundedToken(const std::string& token) {
-    return QBText::utf16Length(token) > maximumTokenLength ? std::string() : token;
-}
-
-// ---- The commands ---------------------------------------------------------------------------
+}  // namespace
 
 std::string QBKelvoBridge::clientOS() {
     return "Mac OS " + QBPlatform::operatingSystemVersion();
 }
 
 std::string QBKelvoBridge::clientVersion() {
-    // Never launches: asks the GUI only when it is connected now.
-    if (auto version = stringAnswer(relay(commandContent("clientVersion"), false), versionKey)) {
-        return *version;
-    }
-    return application ? application->installedVersion().value_or(unknownVersion) : unknownVersion;
+    return text(perform("clientVersion", {}));
 }
 
 std::int64_t QBKelvoBridge::authorizeServer(const std::string& server, std::int64_t port,
                                             std::int64_t webPort) {
-    if (!acceptsServer(server, port, webPort)) return 0;
-    return numberAnswer(relay(serverContent("authorize", server, port, webPort)), resultKey)
-        .value_or(0);
+    return number(perform("authorize", {server, port, webPort, {}}));
 }
 
 std::string QBKelvoBridge::connect(const std::string& server, std::int64_t port,
                                    std::int64_t webPort) {
-    if (!acceptsServer(server, port, webPort)) return "";
-    return stringResult(relay(serverContent("connect", server, port, webPort)), "");
+    return text(perform("connect", {server, port, webPort, {}}));
 }
 
 std::string QBKelvoBridge::connect(const std::string& server, std::int64_t port,
                                    std::int64_t webPort, const std::string& secToken) {
-    const auto tokenLength = QBText::utf16Length(secToken);
-    if (!acceptsServer(server, port, webPort) || tokenLength < 1 ||
-        tokenLength > maximumTokenLength) {
-        return "";
-    }
-    auto content = serverContent("connectWithToken", server, port, webPort);
-    content["securityToken"] = secToken;
-    return stringResult(relay(content), "");
+    return text(perform("connectWithToken", {server, port, webPort, secToken}));
 }
 
 std::string QBKelvoBridge::disconnectWithSecToken(const std::string& secToken) {
-    relay(json{{"command", "disconnect"}, {"securityToken", boundedToken(secToken)}});
-    return "";
+    return text(perform("disconnect", {{}, 0, 0, secToken}));
 }
 
 std::string QBKelvoBridge::suspendWithSecToken(const std::string& secToken) {
-    relay(json{{"command", "suspend"}, {"securityToken", boundedToken(secToken)}});
-    return "";
+    return text(perform("suspend", {{}, 0, 0, secToken}));
 }
 
-std::string QBKelvoBridge::resume() {
-    relay(commandContent("resume"));
-    return "";
-}
+std::string QBKelvoBridge::resume() { return text(perform("resume", {})); }
 
-std::string QBKelvoBridge::state() {
-    return stringResult(relay(commandContent("state")), "disconnected");
-}
+std::string QBKelvoBridge::state() { return text(perform("state", {})); }
 
-std::int64_t QBKelvoBridge::connectionTime() {
-    return numberAnswer(relay(commandContent("connectionTime")), resultKey).value_or(0);
-}
+std::int64_t QBKelvoBridge::connectionTime() { return number(perform("connectionTime", {})); }
 
 std::string QBKelvoBridge::connectionTimeDisplayable() {
-    return stringResult(relay(commandContent("connectionTimeDisplayable")), "");
+    return text(perform("connectionTimeDisplayable", {}));
 }
 
-std::string QBKelvoBridge::trafficRates() {
-    return stringResult(relay(commandContent("trafficRates")), "0,0");
-}
+std::string QBKelvoBridge::trafficRates() { return text(perform("trafficRates", {})); }
 
-std::string QBKelvoBridge::trafficTotals() {
-    return stringResult(relay(commandContent("trafficTotals")), "0,0");
-}
+std::string QBKelvoBridge::trafficTotals() { return text(perform("trafficTotals", {})); }

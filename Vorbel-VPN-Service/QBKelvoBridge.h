@@ -13,8 +13,13 @@
 // beyond 64 bits clamped. Anything else, no reply, or a GUI that goes away gives the default.
 // clientOS answers at once from the operating-system version and never involves the GUI.
 //
+// A relayed command runs either whole on the calling thread (perform: it may launch the GUI and
+// wait), or, when a GUI client is connected, is started by startCommand on an event-loop thread
+// and finished by the channel thread that reads the GUI's answer, holding no thread meanwhile.
+//
 // Threads: every command may run on any thread, several at once; each waits on its own request.
-// No lock is held here: the channel and the application object do their own locking.
+// No lock is held here: the channel and the application object do their own locking. The bridge
+// must outlive the answers of the commands it started (the bridge servers hold it).
 
 #include <cstdint>
 #include <memory>
@@ -43,6 +48,10 @@ public:
                   std::shared_ptr<QBKelvoGUIApplication> application);
 
     bool answersAtOnce(std::string_view method) const override { return method == "clientOS"; }
+    // Starts a relayed command without waiting when a GUI client is connected now, and answers a
+    // rejected argument at once; false otherwise (clientOS, an unknown name, no GUI client).
+    bool startCommand(std::string_view method, const Arguments& arguments,
+                      const Finish& finish) override;
 
     std::string clientOS() override;
     std::string clientVersion() override;
@@ -68,16 +77,24 @@ public:
     static std::optional<std::int64_t> numberAnswer(const std::optional<nlohmann::json>& answer,
                                                     const char* key);
 
+    // How each relayed command reads its arguments and its answer.
+    enum class Inputs { none, server, serverAndToken, token };
+    enum class AnswerKind { ignored, text, number, version };
+    struct Rule {
+        std::string_view method;
+        Inputs inputs;
+        AnswerKind answer;
+        Result fallback;
+    };
+
 private:
-    // Makes sure that a GUI client is connected (launching when allowed) and sends content to
-    // the first client; its reply's content, or nullopt.
-    std::optional<nlohmann::json> relay(const nlohmann::json& content, bool launchAllowed = true);
-    // Server and ports as the connect-like commands need them.
-    static bool acceptsServer(const std::string& server, std::int64_t port, std::int64_t webPort);
-    static nlohmann::json serverContent(const char* command, const std::string& server,
-                                        std::int64_t port, std::int64_t webPort);
-    // A token as disconnect and suspend send it: the empty string in place of one too long.
-    static std::string boundedToken(const std::string& token);
+    static const Rule* findRule(std::string_view method);
+    // The content to send for the arguments; nullopt when an argument is rejected.
+    static std::optional<nlohmann::json> contentFor(const Rule& rule, const Arguments& arguments);
+    // The command's result from the GUI's answer (nullopt: none came).
+    Result resultFrom(const Rule& rule, const std::optional<nlohmann::json>& answer) const;
+    // The whole command on the calling thread, waiting for the GUI (and launching it) as needed.
+    Result perform(std::string_view method, const Arguments& arguments);
 
     const std::shared_ptr<QBLumentideIPC> channel;
     const std::shared_ptr<QBKelvoGUIApplication> application;

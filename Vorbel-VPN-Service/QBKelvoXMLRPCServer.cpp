@@ -99,10 +99,24 @@ std::int64_t integerOf(const Value& value) {
     return QBText::scanLeadingInteger(std::get<std::string>(value));
 }
 
+using Arguments = QBKelvoBridgeCommands::Arguments;
+
+// The parameters of a call as its command's arguments, by position: none; the server and the
+// two ports; those and the token; the token alone.
+Arguments noArguments(const Params&) { return {}; }
+Arguments serverArguments(const Params& p) {
+    return {argumentText(p[0]), integerOf(p[1]), integerOf(p[2]), {}};
+}
+Arguments serverAndTokenArguments(const Params& p) {
+    return {argumentText(p[0]), integerOf(p[1]), integerOf(p[2]), argumentText(p[3])};
+}
+Arguments tokenArgument(const Params& p) { return {{}, 0, 0, argumentText(p[0])}; }
+
 struct Command {
     std::string_view name;
     std::size_t needs;  // parameters the call must have; with fewer, the fallback arguments
-    Value (*call)(QBKelvoBridgeCommands& commands, const Params& p);
+    Arguments (*arguments)(const Params& p);
+    Value (*call)(QBKelvoBridgeCommands& commands, const Arguments& a);
 };
 
 // Arguments used, position by position, when a call has fewer parameters than its command needs.
@@ -111,27 +125,27 @@ const Params& fallbackArguments() {
     return fallback;
 }
 
+using C = QBKelvoBridgeCommands;
+using A = Arguments;
 // clang-format off
 constexpr std::array<Command, 13> commandTable{{
-    {"clientOS", 0, [](QBKelvoBridgeCommands& c, const Params&) -> Value { return c.clientOS(); }},
-    {"clientVersion", 0, [](QBKelvoBridgeCommands& c, const Params&) -> Value { return c.clientVersion(); }},
-    {"authorize", 3, [](QBKelvoBridgeCommands& c, const Params& p) -> Value {
-        return c.authorizeServer(argumentText(p[0]), integerOf(p[1]), integerOf(p[2])); }},
-    {"connect", 3, [](QBKelvoBridgeCommands& c, const Params& p) -> Value {
-        return c.connect(argumentText(p[0]), integerOf(p[1]), integerOf(p[2])); }},
-    {"connectWithToken", 4, [](QBKelvoBridgeCommands& c, const Params& p) -> Value {
-        return c.connect(argumentText(p[0]), integerOf(p[1]), integerOf(p[2]), argumentText(p[3])); }},
-    {"disconnect", 1, [](QBKelvoBridgeCommands& c, const Params& p) -> Value {
-        return c.disconnectWithSecToken(argumentText(p[0])); }},
-    {"suspend", 1, [](QBKelvoBridgeCommands& c, const Params& p) -> Value {
-        return c.suspendWithSecToken(argumentText(p[0])); }},
-    {"resume", 0, [](QBKelvoBridgeCommands& c, const Params&) -> Value { return c.resume(); }},
-    {"state", 0, [](QBKelvoBridgeCommands& c, const Params&) -> Value { return c.state(); }},
-    {"connectionTime", 0, [](QBKelvoBridgeCommands& c, const Params&) -> Value { return c.connectionTime(); }},
-    {"connectionTimeDisplayable", 0, [](QBKelvoBridgeCommands& c, const Params&) -> Value {
+    {"clientOS", 0, noArguments, [](C& c, const A&) -> Value { return c.clientOS(); }},
+    {"clientVersion", 0, noArguments, [](C& c, const A&) -> Value { return c.clientVersion(); }},
+    {"authorize", 3, serverArguments, [](C& c, const A& a) -> Value {
+        return c.authorizeServer(a.server, a.port, a.webPort); }},
+    {"connect", 3, serverArguments, [](C& c, const A& a) -> Value {
+        return c.connect(a.server, a.port, a.webPort); }},
+    {"connectWithToken", 4, serverAndTokenArguments, [](C& c, const A& a) -> Value {
+        return c.connect(a.server, a.port, a.webPort, a.token); }},
+    {"disconnect", 1, tokenArgument, [](C& c, const A& a) -> Value { return c.disconnectWithSecToken(a.token); }},
+    {"suspend", 1, tokenArgument, [](C& c, const A& a) -> Value { return c.suspendWithSecToken(a.token); }},
+    {"resume", 0, noArguments, [](C& c, const A&) -> Value { return c.resume(); }},
+    {"state", 0, noArguments, [](C& c, const A&) -> Value { return c.state(); }},
+    {"connectionTime", 0, noArguments, [](C& c, const A&) -> Value { return c.connectionTime(); }},
+    {"connectionTimeDisplayable", 0, noArguments, [](C& c, const A&) -> Value {
         return c.connectionTimeDisplayable(); }},
-    {"trafficRates", 0, [](QBKelvoBridgeCommands& c, const Params&) -> Value { return c.trafficRates(); }},
-    {"trafficTotals", 0, [](QBKelvoBridgeCommands& c, const Params&) -> Value { return c.trafficTotals(); }},
+    {"trafficRates", 0, noArguments, [](C& c, const A&) -> Value { return c.trafficRates(); }},
+    {"trafficTotals", 0, noArguments, [](C& c, const A&) -> Value { return c.trafficTotals(); }},
 }};
 // clang-format on
 
@@ -141,8 +155,8 @@ const Command* findCommand(std::string_view name) {
     return found == commandTable.end() ? nullptr : &*found;
 }
 
-Value runCommand(const Command& command, QBKelvoBridgeCommands& commands, const Params& params) {
-    return command.call(commands, params.size() >= command.needs ? params : fallbackArguments());
+Arguments argumentsOf(const Command& command, const Params& params) {
+    return command.arguments(params.size() >= command.needs ? params : fallbackArguments());
 }
 
 // ---- HTTP pieces ----------------------------------------------------------------------------
@@ -151,6 +165,7 @@ constexpr std::string_view xmlDeclarationStart = "<?xml version=\"1.0\"";
 constexpr std::string_view headerBlockTerminator = "\r\n\r\n";
 
 using Close = QBTCPEventServer::Close;
+using Defer = QBTCPEventServer::Defer;
 using Offload = QBTCPEventServer::Offload;
 using Reply = QBTCPEventServer::Reply;
 using Wait = QBTCPEventServer::Wait;
@@ -423,7 +438,7 @@ std::optional<QBKelvoXMLRPCServer::Value> QBKelvoXMLRPCServer::performXMLMethod(
     const std::string& name, const std::vector<Value>& withParams) {
     const auto* command = bridgeCommands_ ? findCommand(name) : nullptr;
     if (!command) return std::nullopt;
-    return runCommand(*command, *bridgeCommands_, withParams);
+    return command->call(*bridgeCommands_, argumentsOf(*command, withParams));
 }
 
 std::string QBKelvoXMLRPCServer::methodResponseDocument(const std::vector<Value>& values) {
@@ -456,14 +471,21 @@ QBKelvoXMLRPCServer::Step QBKelvoXMLRPCServer::processXMLRPCRequest(std::string_
     if (!call) return Close{};
     const auto* command = bridgeCommands_ ? findCommand(call->name) : nullptr;
     if (!command) return Close{};
+    const auto arguments = argumentsOf(*command, call->params);
     if (bridgeCommands_->answersAtOnce(command->name)) {
-        return Reply{
-            consumed, methodResponseReply({runCommand(*command, *bridgeCommands_, call->params)})};
+        return Reply{consumed, methodResponseReply({command->call(*bridgeCommands_, arguments)})};
     }
-    // The command may wait for the GUI application: run it on a pool thread. The server
-    // outlives the work, since serve() returns only after every command has finished.
-    return Offload{
-        consumed, [this, command, params = std::move(call->params)]() -> std::optional<std::string> {
-            return methodResponseReply({runCommand(*command, *bridgeCommands_, params)});
+    // A command that can go on without a thread (its GUI application is connected) is started
+    // here and answered when its result comes; one that may wait runs on a pool thread. The
+    // server outlives both, since serve() returns only after every request has had its answer.
+    return Defer{
+        consumed,
+        [this, command, arguments](const QBTCPEventServer::Finish& finish) {
+            return bridgeCommands_->startCommand(
+                command->name, arguments,
+                [finish](Value result) { finish(methodResponseReply({std::move(result)})); });
+        },
+        [this, command, arguments]() -> std::optional<std::string> {
+            return methodResponseReply({command->call(*bridgeCommands_, arguments)});
         }};
 }

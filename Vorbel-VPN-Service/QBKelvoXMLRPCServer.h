@@ -55,7 +55,7 @@ class QBLumentideIPC;
 class QBKelvoXMLRPCServer : public QBTCPEventServer::Protocol {
 public:
     // An XML-RPC parameter or result: a string, or an integer (int elements hold 32 bits).
-    using Value = std::variant<std::string, std::int64_t>;
+    using Value = QBKelvoBridgeCommands::Result;
     using Headers = std::map<std::string, std::string>;
 
     using Step = QBTCPEventServer::Step;

@@ -10,12 +10,23 @@
 # With REPEAT > 1 each pair of runs is repeated and the run with the median rate is shown: on a
 # shared machine single runs vary a lot, CPU per request much less.
 #
+# MODE=bridge measures the whole bridge instead: the real daemon on 127.0.0.1:986 with the GUI
+# stand-in (tools/gui-standin) answering every "state" over the message channel, only the POST,
+# the CPU time of both counted as ours. It runs in private network and mount namespaces (root),
+# so the daemon has its real port and socket path and nothing outside is touched.
+#
 #   bench/http_load.sh                      # after: cmake --build --preset default
 #   REPEAT=3 DURATION=3s bench/http_load.sh
+#   MODE=bridge REPEAT=3 DURATION=3s bench/http_load.sh
 #
 # Settings (environment): BUILD_DIR (default build/default), DURATION (5s), REPEAT (1),
-# OURS_PORT (18986), NGINX_PORT (18987), CONNECTIONS ("1 8 64").
+# OURS_PORT (18986), NGINX_PORT (18987), CONNECTIONS ("1 8 64"), MODE (front or bridge).
 set -euo pipefail
+
+mode=${MODE:-front}
+if [ "$mode" = bridge ] && [ -z "${QB_LOAD_IN_NAMESPACES:-}" ]; then
+    exec unshare --net --mount --fork env QB_LOAD_IN_NAMESPACES=1 "$0" "$@"
+fi
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD_DIR:-$root/build/default}
@@ -25,17 +36,30 @@ nginx_port=${NGINX_PORT:-18987}
 connections=${CONNECTIONS:-"1 8 64"}
 repeat=${REPEAT:-1}
 server_bin=$build/bridge-load-server
+scripts="options post"
+if [ "$mode" = bridge ]; then
+    server_bin=$build/vorbel-vpn-service
+    ours_port=986
+    scripts=post
+    mount --make-rprivate /
+    mount -t tmpfs tmpfs /var/run
+    ip link set lo up
+fi
 
 for tool in wrk nginx curl; do
     command -v "$tool" >/dev/null || [ -x "/usr/sbin/$tool" ] || { echo "missing: $tool" >&2; exit 1; }
 done
 nginx_bin=$(command -v nginx || echo /usr/sbin/nginx)
-[ -x "$server_bin" ] || { echo "missing $server_bin: build it first (cmake --build --preset default)" >&2; exit 1; }
+for binary in "$server_bin" "$build/gui-standin"; do
+    [ -x "$binary" ] || { echo "missing $binary: build it first (cmake --build --preset default)" >&2; exit 1; }
+done
 
 work=$(mktemp -d)
 ours_pid=""
+standin_pid=""
 nginx_pid=""
 cleanup() {
+    [ -n "$standin_pid" ] && kill "$standin_pid" 2>/dev/null && wait "$standin_pid" 2>/dev/null || true
     [ -n "$ours_pid" ] && kill "$ours_pid" 2>/dev/null && wait "$ours_pid" 2>/dev/null || true
     [ -n "$nginx_pid" ] && kill -QUIT "$nginx_pid" 2>/dev/null && wait "$nginx_pid" 2>/dev/null || true
     rm -rf "$work"
@@ -107,8 +131,16 @@ end
 EOF
 done
 
-"$server_bin" "$ours_port" > "$work/ours.log" 2>&1 &
-ours_pid=$!
+if [ "$mode" = bridge ]; then
+    echo '{"state": {"content": {"result": "connected"}}}' > "$work/answers.json"
+    "$server_bin" > "$work/ours.log" 2>&1 &
+    ours_pid=$!
+    "$build/gui-standin" --quiet --answers "$work/answers.json" > "$work/standin.log" 2>&1 &
+    standin_pid=$!
+else
+    "$server_bin" "$ours_port" > "$work/ours.log" 2>&1 &
+    ours_pid=$!
+fi
 "$nginx_bin" -p "$work/nginx" -c "$work/nginx/nginx.conf" > "$work/nginx.log" 2>&1 &
 nginx_pid=$!
 
@@ -123,6 +155,12 @@ wait_until_up() {
 }
 wait_until_up "$ours_port"
 wait_until_up "$nginx_port"
+if [ "$mode" = bridge ]; then  # until the stand-in has connected and answers
+    for _ in $(seq 100); do
+        curl -s -m 1 --data-binary "$call" "http://127.0.0.1:$ours_port/vpn" | grep -q connected && break
+        sleep 0.05
+    done
+fi
 
 # Both must send the same document for the POST.
 ours_body=$(curl -s --data-binary "$call" -H 'Content-Type: text/xml' "http://127.0.0.1:$ours_port/vpn" | od -An -c)
@@ -132,16 +170,16 @@ if [ "$ours_body" != "$nginx_body" ]; then
     exit 1
 fi
 
-cpu_ticks() {  # user + system clock ticks of a process and its children processes
+cpu_ticks() {  # user + system clock ticks of the processes and their children processes
     local total=0 pid
-    for pid in "$1" $(pgrep -P "$1" || true); do
+    for pid in $1 $(for parent in $1; do pgrep -P "$parent" || true; done); do
         total=$(( total + $(awk '{print $14 + $15}' "/proc/$pid/stat") ))
     done
     echo "$total"
 }
 ticks_per_second=$(getconf CLK_TCK)
 
-run_once() {  # script port pid connections -> "req/s p50 p99 errors cpu-us-per-request"
+run_once() {  # script port pids connections -> "req/s p50 p99 errors cpu-us-per-request"
     local threads=$(( $4 < 2 ? 1 : 2 )) before after
     before=$(cpu_ticks "$3")
     local result
@@ -157,9 +195,9 @@ run() {  # script port pid connections -> the run with the median rate of REPEAT
 
 printf '%-7s %5s | %9s %6s %6s %6s | %9s %6s %6s %6s | %5s\n' request conns \
     "ours rq/s" "p50us" "p99us" "cpu/rq" "nginx" "p50us" "p99us" "cpu/rq" ratio
-for script in options post; do
+for script in $scripts; do
     for count in $connections; do
-        read -r our_rate our_p50 our_p99 our_errors our_cpu < <(run "$script" "$ours_port" "$ours_pid" "$count")
+        read -r our_rate our_p50 our_p99 our_errors our_cpu < <(run "$script" "$ours_port" "$ours_pid $standin_pid" "$count")
         read -r ng_rate ng_p50 ng_p99 ng_errors ng_cpu < <(run "$script" "$nginx_port" "$nginx_pid" "$count")
         ratio=$(awk -v a="$our_rate" -v b="$ng_rate" 'BEGIN { printf "%.2f", (b > 0 ? a / b : 0) }')
         printf '%-7s %5s | %9s %6s %6s %6s | %9s %6s %6s %6s | %5s\n' "$script" "$count" \

@@ -342,6 +342,10 @@ struct QBLumentideIPC::WaitingEntry {
     bool replied = false;    // the answer is in messageReplies
     bool abandoned = false;  // the endpoint shut down
     bool leading = false;    // the sender holds the read token of its connection
+    // Set for a request whose sender does not wait: it gets the answer (or nothing) instead. Such
+    // an entry is never among its connection's waiters, so the reader thread reads its answer;
+    // whoever takes the entry out of waitingMessages calls the handler, so it runs once.
+    AnswerHandler answered;
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -718,7 +722,24 @@ void QBLumentideIPC::shutdown() {
     abandonWaiters();
 }
 
+void QBLumentideIPC::abandonHandlers(const std::function<bool(const WaitingEntry&)>& matches) {
+    std::vector<AnswerHandler> handlers;
+    {
+        std::lock_guard waiting(waitingLock);
+        for (auto entry = waitingMessages.begin(); entry != waitingMessages.end();) {
+            if (entry->second->answered && matches(*entry->second)) {
+                handlers.push_back(std::move(entry->second->answered));
+                entry = waitingMessages.erase(entry);
+            } else {
+                ++entry;
+            }
+        }
+    }
+    for (const auto& handler : handlers) handler(std::nullopt);
+}
+
 void QBLumentideIPC::abandonWaiters() {
+    abandonHandlers([](const WaitingEntry&) { return true; });
     std::lock_guard waiting(waitingLock);
     for (const auto& [id, entry] : waitingMessages) {
         Connection& connection = *entry->connection;
@@ -746,6 +767,55 @@ std::optional<json> QBLumentideIPC::sendMessageToFirstClient(const std::string& 
         first = activeConnections.front()->socket;
     }
     return transmit(command, data, nullptr, true, first);
+}
+
+void QBLumentideIPC::sendMessageToFirstClient(const std::string& command, const json& data,
+                                              AnswerHandler answered) {
+    int first = -1;
+    if (mode_.load() == serverMode && data.is_object()) {
+        std::lock_guard clients(clientsLock);
+        if (!activeConnections.empty()) first = activeConnections.front()->socket;
+    }
+    std::string messageId;
+    bool registered = false;
+    bool written = false;
+    if (first >= 0) {
+        std::lock_guard endpoint(endpointLock);
+        const std::shared_ptr<Connection> connection = openConnection(first);
+        if (connection) {
+            lastMessageId_ = nextMessageId(lastMessageId_);
+            messageId = std::to_string(lastMessageId_);
+            registered = outgoing->encode(command, messageId, data, nullptr);
+        }
+        if (registered) {
+            // Registered before the first byte leaves, so that no answer can come too early.
+            auto entry = std::make_shared<WaitingEntry>(connection);
+            entry->answered = std::move(answered);
+            {
+                std::lock_guard waiting(waitingLock);
+                waitingMessages[messageId] = entry;
+            }
+            written = sendBytesWithoutWaiting(first, outgoing->bytes);
+        }
+    }
+    // The handler is called with no lock held.
+    if (!registered) {
+        answered(std::nullopt);
+    } else if (!written) {
+        abandonHandler(messageId);
+    }
+}
+
+void QBLumentideIPC::abandonHandler(const std::string& messageId) {
+    AnswerHandler handler;
+    {
+        std::lock_guard waiting(waitingLock);
+        const auto found = waitingMessages.find(messageId);
+        if (found == waitingMessages.end() || !found->second->answered) return;
+        handler = std::move(found->second->answered);
+        waitingMessages.erase(found);
+    }
+    handler(std::nullopt);
 }
 
 std::optional<json> QBLumentideIPC::sendMessage(const std::string& command, const json& data) {
@@ -817,6 +887,17 @@ std::shared_ptr<QBLumentideIPC::Connection> QBLumentideIPC::openConnection(int s
 bool QBLumentideIPC::sendBytes(int socket, const std::string& bytes) {
     return writeInPieces(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size(),
                          [socket](const std::uint8_t* piece, std::size_t length) { return sendSome(socket, piece, length); });
+}
+
+bool QBLumentideIPC::sendBytesWithoutWaiting(int socket, const std::string& bytes) {
+    // A frame that has started must be finished, so only its first bytes may be refused.
+    ssize_t sent;
+    do {
+        sent = ::send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    } while (sent < 0 && errno == EINTR);
+    if (sent <= 0) return false;
+    const auto rest = static_cast<std::size_t>(sent);
+    return rest == bytes.size() || sendBytes(socket, bytes.substr(rest));
 }
 
 void QBLumentideIPC::enlistWaiter(WaitingEntry& entry) {
@@ -1050,6 +1131,8 @@ void QBLumentideIPC::endConnection(Connection& connection) {
     }
     // Once the number is free, a new connection may get it; nothing here uses it any more.
     ::close(connection.socket);
+    // Out of the client list, no request can be added to this connection any more.
+    abandonHandlers([&](const WaitingEntry& entry) { return entry.connection.get() == &connection; });
 }
 
 void QBLumentideIPC::handleEnvelope(json& envelope, Connection& connection) {
@@ -1083,22 +1166,34 @@ void QBLumentideIPC::matchReply(json& envelope, Connection& readingOn) {
     if (replyId == envelope.end() || !replyId->is_string()) return;
     const std::string& id = replyId->get_ref<const std::string&>();
     std::shared_ptr<WaitingEntry> entry;
-    bool leadingElsewhere;
+    bool leadingElsewhere = false;
+    AnswerHandler handler;
     {
         std::lock_guard waiting(waitingLock);
         const auto found = waitingMessages.find(id);
         if (found == waitingMessages.end()) return;
         entry = found->second;
-        ++readingOn.answersRead;
-        {
-            std::lock_guard replies(repliesLock);
-            messageReplies[id] = std::move(envelope["content"]);
+        if (entry->answered) {
+            // Nobody waits for it: the handler runs below, and this thread reads on (an answer
+            // of this kind is no reason for the reader thread to step aside).
+            handler = std::move(entry->answered);
+            waitingMessages.erase(found);
+        } else {
+            ++readingOn.answersRead;
+            {
+                std::lock_guard replies(repliesLock);
+                messageReplies[id] = std::move(envelope["content"]);
+            }
+            std::lock_guard guard(entry->connection->lock);
+            entry->replied = true;
+            // A sender that leads on this connection is the thread that runs here; one that
+            // leads on another waits in poll() there.
+            leadingElsewhere = entry->leading && entry->connection.get() != &readingOn;
         }
-        std::lock_guard guard(entry->connection->lock);
-        entry->replied = true;
-        // A sender that leads on this connection is the thread that runs here; one that leads
-        // on another waits in poll() there.
-        leadingElsewhere = entry->leading && entry->connection.get() != &readingOn;
+    }
+    if (handler) {
+        handler(std::move(envelope["content"]));
+        return;
     }
     // Signalled after the locks are released: the woken sender takes them at once to collect
     // its answer, and would otherwise block on this thread a second time.

@@ -192,6 +192,15 @@ public:
     // in client mode or without clients.
     std::optional<nlohmann::json> sendMessageToFirstClient(const std::string& command,
                                                            const nlohmann::json& data);
+    // Receives the answer to a request sent without waiting: its "content", or nothing.
+    using AnswerHandler = std::function<void(std::optional<nlohmann::json> answer)>;
+    // Server: the same request, without waiting for the answer: answered is called exactly once,
+    // with the answer's content when it arrives (on the thread that reads it), or with nothing
+    // when the request cannot be sent now (no client, the client's socket is full: then on the
+    // calling thread, before this returns), its connection ends or the endpoint shuts down.
+    // Never blocks on a client that does not read.
+    void sendMessageToFirstClient(const std::string& command, const nlohmann::json& data,
+                                  AnswerHandler answered);
     // Client: request on the connection, waiting for its answer; nothing when not connected.
     std::optional<nlohmann::json> sendMessage(const std::string& command, const nlohmann::json& data);
     // Client: one-way message on the connection.
@@ -273,6 +282,11 @@ private:
     void forgetWaitingEntry(const std::string& messageId);
     void abandonWaiters();
     void notifyClientWaiters() const;
+    // Takes out of waitingMessages the entries with an answer handler that match, and calls each
+    // handler with nothing, after the lock is released.
+    void abandonHandlers(const std::function<bool(const WaitingEntry&)>& matches);
+    void abandonHandler(const std::string& messageId);
+    static bool sendBytesWithoutWaiting(int socket, const std::string& bytes);
 
     std::shared_ptr<Connection> connectionForReader(int socket);
     bool enterReaderLoop(const std::shared_ptr<Connection>& connection);

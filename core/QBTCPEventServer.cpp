@@ -105,6 +105,8 @@ private:
     bool send(Connection& connection, const std::string& bytes);
     bool flush(Connection& connection);
     void offload(Connection& connection, std::function<std::optional<std::string>()> work);
+    void defer(Connection& connection, Defer& deferred);
+    void markBusy(Connection& connection);
     void post(Completion completion);
     void runCompletions();
     void resume(Connection& connection, std::optional<std::string> reply);
@@ -299,6 +301,11 @@ void QBTCPEventServer::Loop::advance(Connection& connection) {
             offload(connection, std::move(offloaded->work));
             return;
         }
+        if (auto* deferred = std::get_if<Defer>(&step); deferred && deferred->consumed > 0) {
+            consume(connection, deferred->consumed);
+            defer(connection, *deferred);
+            return;
+        }
         close(connection);  // Close, or a step that would consume nothing (and loop for ever)
         return;
     }
@@ -356,12 +363,38 @@ void QBTCPEventServer::Loop::close(Connection& connection) {
 
 // ---- Offloaded requests ---------------------------------------------------------------------
 
-void QBTCPEventServer::Loop::offload(Connection& connection,
-                                     std::function<std::optional<std::string>()> work) {
+void QBTCPEventServer::Loop::markBusy(Connection& connection) {
     // Not watched while busy: a hang-up would otherwise be reported again and again.
     ::epoll_ctl(epoll, EPOLL_CTL_DEL, connection.descriptor, nullptr);
     connection.busy = true;
     ++busyConnections;
+}
+
+void QBTCPEventServer::Loop::defer(Connection& connection, Defer& deferred) {
+    markBusy(connection);
+    // The loop runs until every busy connection has had its completion, so it outlives every
+    // finish that is still to come.
+    const auto finished = std::make_shared<std::atomic<bool>>(false);
+    const Finish finish = [this, descriptor = connection.descriptor,
+                           finished](std::optional<std::string> reply) {
+        if (!finished->exchange(true)) post(Completion{descriptor, std::move(reply)});
+    };
+    bool started = false;
+    try {
+        started = deferred.start(finish);
+    } catch (...) {
+        finish(std::nullopt);  // a request that fails to start closes its connection
+        return;
+    }
+    if (started) return;
+    connection.busy = false;
+    --busyConnections;
+    offload(connection, std::move(deferred.otherwise));
+}
+
+void QBTCPEventServer::Loop::offload(Connection& connection,
+                                     std::function<std::optional<std::string>()> work) {
+    markBusy(connection);
     const int descriptor = connection.descriptor;
     const bool queued = workers.submit([this, descriptor, work = std::move(work)] {
         std::optional<std::string> reply;

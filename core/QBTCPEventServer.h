@@ -9,6 +9,9 @@
 //  - Reply:   consume a request's bytes and send these reply bytes, then look again;
 //  - Offload: consume a request's bytes and run work on a pool thread (it may block); its
 //             result is sent as the reply (nothing: the connection is closed), then look again;
+//  - Defer:   consume a request's bytes and start work that replies later by itself, from any
+//             thread (a request relayed to another process, say), without holding a thread
+//             while it waits; work that cannot start so runs as an Offload instead;
 //  - Close:   close the connection without a word.
 // Requests of one connection are therefore answered in order, one at a time; the connection is
 // not read while its reply is being worked out or cannot be sent (back-pressure).
@@ -24,7 +27,7 @@
 //
 // Threads: serve() runs one loop on the calling thread and the others on threads of its own;
 // it returns after shutdown(), when every loop has ended, and only after every offloaded job
-// has finished (its connection is then closed). shutdown() and connectionCount() may be called
+// has finished and every deferred request has had its reply (its connection is then closed). shutdown() and connectionCount() may be called
 // from any thread at any time. Protocol calls for one connection never overlap; those for
 // different connections may run on different loop threads at once.
 
@@ -57,8 +60,19 @@ public:
         std::size_t consumed = 0;
         std::function<std::optional<std::string>()> work;
     };
+    // Delivers a deferred request's reply (nothing: the connection is closed). Any thread; only
+    // the first call counts.
+    using Finish = std::function<void(std::optional<std::string> reply)>;
+    struct Defer {
+        std::size_t consumed = 0;
+        // Runs on the loop thread and must not block. True: the work has started and calls
+        // finish once it has the reply (it may already have). False: nothing started; otherwise
+        // runs on a pool thread, as an Offload's work would.
+        std::function<bool(const Finish& finish)> start;
+        std::function<std::optional<std::string>()> otherwise;
+    };
     struct Close {};
-    using Step = std::variant<Wait, Reply, Offload, Close>;
+    using Step = std::variant<Wait, Reply, Offload, Defer, Close>;
 
     class Protocol {
     public:

@@ -249,6 +249,33 @@ TEST_F(BridgeServerTest, WaitingCommandsHoldUpNoOtherConnectionAndShutdownWaitsF
     }
 }
 
+TEST_F(BridgeServerTest, CommandsStartedWithoutAThreadAreAnsweredWhenTheirResultComes) {
+    auto stopping = std::make_unique<RunningBridgeServer>(commands);
+    commands->deferState = true;
+    std::vector<std::unique_ptr<LoopbackClient>> waiting;
+    for (int i = 0; i < 4; ++i) {
+        waiting.push_back(std::make_unique<LoopbackClient>(i < 2 ? running.port() : stopping->port()));
+        ASSERT_TRUE(waiting.back()->send(statePost));
+    }
+    std::vector<FakeBridgeCommands::Finish> finishes;
+    ASSERT_TRUE(eventually([&] {
+        for (auto& finish : commands->takeDeferred()) finishes.push_back(finish);
+        return finishes.size() == 4;
+    }));
+    EXPECT_TRUE(answers(running.port(), preflight, 2s));
+    auto stopped = std::async(std::launch::async, [&] { stopping.reset(); });
+    EXPECT_EQ(stopped.wait_for(200ms), std::future_status::timeout) << "a result is still due";
+    std::thread([&] {
+        for (auto& finish : finishes) finish(std::string("late")), finish(std::string("twice"));
+    }).join();
+    stopped.get();
+    const auto late = expectedReply(S::methodResponseDocument({std::string("late")}));
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_TRUE(i < 2 ? answered(*waiting[i], late) : waiting[i]->closedWithoutReply()) << i;
+    }
+    EXPECT_TRUE(commands->calls().empty()) << "no command ran on a pool thread";
+}
+
 TEST(BridgeServerTimeoutTest, StalledConnectionsAreClosedUnanswered) {
     LogCapture log;
     RunningBridgeServer running(

@@ -164,3 +164,46 @@ TEST_F(QBLumentideIPCDispatchTest, WaitingSendersAreReleasedWhenTheirConnectionE
         EXPECT_TRUE(!serverShutsDown || peer->waitForClose());
     }
 }
+
+// A request whose sender does not wait gets its answer, or nothing, exactly once: nothing at
+// once without a client, nothing when its connection ends or the server shuts down.
+TEST_F(QBLumentideIPCDispatchTest, RequestsThatDoNotWaitGetTheirAnswerOrNothingExactlyOnce) {
+    struct Outcomes {
+        std::mutex lock;  // guards got
+        std::vector<std::optional<json>> got;
+        std::size_t count() {
+            std::lock_guard guard(lock);
+            return got.size();
+        }
+    };
+    auto outcomes = std::make_shared<Outcomes>();
+    const auto record = [outcomes](std::optional<json> answer) {
+        std::lock_guard guard(outcomes->lock);
+        outcomes->got.push_back(std::move(answer));
+    };
+    server->sendMessageToFirstClient("c", json::object(), record);
+    ASSERT_EQ(outcomes->count(), 1u);
+    EXPECT_EQ(outcomes->got[0], std::nullopt);
+
+    for (const bool serverShutsDown : {false, true}) {
+        auto peer = connectRawPeer();
+        std::vector<std::string> ids;
+        for (int i = 0; i < 3; ++i) {
+            server->sendMessageToFirstClient("c", {{"i", i}}, record);
+            const auto envelope = peer->readEnvelope();
+            ASSERT_TRUE(envelope);
+            ids.push_back((*envelope)["messageid"]);
+        }
+        const auto before = outcomes->count();
+        ASSERT_TRUE(peer->sendReply(ids[1], {{"n", 1}}) && peer->sendReply(ids[1], {{"n", "again"}}));
+        ASSERT_TRUE(waitUntil([&] { return outcomes->count() == before + 1; }));
+        EXPECT_EQ(outcomes->got.back(), (json{{"n", 1}}));
+        serverShutsDown ? server->shutdown() : peer->close();
+        ASSERT_TRUE(waitUntil([&] { return outcomes->count() == before + 3; }));
+        EXPECT_EQ(outcomes->got[before + 1], std::nullopt);
+        EXPECT_EQ(outcomes->got[before + 2], std::nullopt);
+        ASSERT_TRUE(waitUntil([&] { return server->clientCount() == 0; }));
+    }
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(outcomes->count(), 7u) << "a handler ran twice";
+}

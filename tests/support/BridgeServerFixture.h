@@ -9,6 +9,7 @@
 #include <mutex>
 #include <sstream>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "QBKelvoXMLRPCServer.h"
@@ -25,6 +26,19 @@ public:
     std::vector<std::string> calls() const {
         std::lock_guard guard(lock);
         return recorded;
+    }
+    // While set, state calls are started without a thread (startCommand) and finish only when
+    // the test calls the finishes that takeDeferred() hands out.
+    std::atomic<bool> deferState{false};
+    bool startCommand(std::string_view method, const Arguments&, const Finish& finish) override {
+        if (!deferState || method != "state") return false;
+        std::lock_guard guard(lock);
+        deferred.push_back(finish);
+        return true;
+    }
+    std::vector<Finish> takeDeferred() {
+        std::lock_guard guard(lock);
+        return std::exchange(deferred, {});
     }
     // While set, state() waits, like a command whose GUI application is slow to answer;
     // waiting counts the calls that waited.
@@ -69,8 +83,9 @@ private:
         return {};
     }
 
-    mutable std::mutex lock;  // guards recorded; leaf lock
+    mutable std::mutex lock;  // guards recorded, deferred; leaf lock
     std::vector<std::string> recorded;
+    std::vector<Finish> deferred;
 };
 
 class RunningBridgeServer {
