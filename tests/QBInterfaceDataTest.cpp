@@ -89,6 +89,8 @@ const std::vector<ListingCase> listings = {
      std::nullopt, std::nullopt},
 };
 
+void PrintTo(const ListingCase& listing, std::ostream* out) { *out << listing.name; }
+
 class QBInterfaceDataTest : public ::testing::TestWithParam<ListingCase> {};
 
 TEST_P(QBInterfaceDataTest, RecordsTheListedAddressesEtherAndMtu) {

@@ -190,6 +190,8 @@ struct RecordedAliasCase {
     std::vector<std::string> expectedCommands;
 };
 
+void PrintTo(const RecordedAliasCase& aliasCase, std::ostream* out) { *out << aliasCase.name; }
+
 class ServiceAliasCommandTest : public ::testing::TestWithParam<RecordedAliasCase> {};
 
 TEST_P(ServiceAliasCommandTest, RunsExactlyTheCommandLinesOfTheSettings) {
