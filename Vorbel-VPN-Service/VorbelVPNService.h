@@ -46,9 +46,10 @@ public:
         std::string interfaceTool = "/sbin/ip";
         std::vector<std::string> inspectArguments = {"-o", "address", "show", "dev"};
         std::string aliasInterface = "lo";
-        std::vector<std::string> addAliasArguments = {"address", "add", "127.94.0.1/32", "dev", "lo"};
-        std::vector<std::string> removeAliasArguments = {"address", "del", "127.94.0.1/32", "dev",
-                                                         "lo"};
+        std::vector<std::string> addAliasArguments = {"address", "add", "127.94.0.1/32",
+                                                      "dev", "lo"};
+        std::vector<std::string> removeAliasArguments = {"address", "del", "127.94.0.1/32",
+                                                         "dev", "lo"};
     };
 
     VorbelVPNService() : VorbelVPNService(Settings{}) {}
