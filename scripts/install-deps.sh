@@ -6,7 +6,8 @@ packages=(
     build-essential cmake ninja-build pkg-config
     libicu-dev nlohmann-json3-dev libplist-dev libsystemd-dev
     libgtest-dev libgmock-dev libbenchmark-dev
-    iproute2 util-linux procps curl wrk nginx-light python3
+    iproute2 util-linux procps curl wrk nginx-light python3 libglib2.0-bin
+    chromium chromium-driver python3-selenium
     dpkg-dev file lintian systemd init-system-helpers man-db
 )
 missing=()

@@ -76,7 +76,7 @@ TEST_F(QBKelvoGUIApplicationTest, FindsTheApplicationAtItsPlaceThenByIdentifier)
 }
 
 TEST_F(QBKelvoGUIApplicationTest, ConcurrentWaitersShareOneLaunchAndTakeAClientThatConnects) {
-    QBKelvoGUIApplication application(server, countingSettings(1s));
+    QBKelvoGUIApplication application(server, countingSettings(2s * sanitizerSlowdown));
     EXPECT_FALSE(application.isGUIApplicationAvailableAndStartIfNeeded(false));
     EXPECT_EQ(launchAttempts, 0);
 
@@ -88,9 +88,9 @@ TEST_F(QBKelvoGUIApplicationTest, ConcurrentWaitersShareOneLaunchAndTakeAClientT
     }
     ASSERT_TRUE(eventually([&] { return launchAttempts > 0; }));
     connectClient();
-    // Woken by the connection, long before the next one-second check would have come.
+    // Woken by the connection, long before the next check would have come.
     for (auto& waiter : waiters) {
-        ASSERT_EQ(waiter.wait_for(900ms), std::future_status::ready);
+        ASSERT_EQ(waiter.wait_for(1s * sanitizerSlowdown), std::future_status::ready);
         EXPECT_TRUE(waiter.get());
     }
     EXPECT_EQ(launchAttempts, 1);

@@ -163,7 +163,7 @@ TEST(ServiceBridgeTest, AGUIThatGoesAwayMidRequestGivesTheDefaultAtOnce) {
     const auto elapsed = std::chrono::steady_clock::now() - killed;
     std::cout << "default after the GUI went away: "
               << std::chrono::duration_cast<std::chrono::microseconds>(elapsed).count() << " us\n";
-    EXPECT_LT(elapsed, 1s);
+    EXPECT_LT(elapsed, 1s * sanitizerSlowdown);
 }
 
 TEST(ServiceBridgeTest, WithoutAGUIWaitsAboutTenSecondsAndTakesOneThatConnectsMeanwhile) {
@@ -177,7 +177,7 @@ TEST(ServiceBridgeTest, WithoutAGUIWaitsAboutTenSecondsAndTakesOneThatConnectsMe
     // clientVersion never waits: no GUI, no installed application.
     start = std::chrono::steady_clock::now();
     EXPECT_EQ(ask(addresses[0], call("clientVersion")), reply("0.0.0,0"));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 1s * sanitizerSlowdown);
 
     auto waiting = std::async(std::launch::async, [] { return ask(addresses[1], call("state")); });
     std::this_thread::sleep_for(1500ms);
@@ -198,7 +198,11 @@ TEST(ServiceBridgeTest, SIGTERMEndsTheDaemonWithinASecondWhileCallsWaitForTheGUI
     }
     std::this_thread::sleep_for(500ms);  // all in the GUI wait by now
     ASSERT_TRUE(daemon.signal(SIGTERM));
-    EXPECT_EQ(daemon.waitForExit(1s), 0) << daemon.standardError();
+    const auto signalled = std::chrono::steady_clock::now();
+    EXPECT_EQ(daemon.waitForExit(1s * sanitizerSlowdown), 0) << daemon.standardError();
+    std::cout << "stopped after "
+              << std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - signalled).count()
+              << " ms\n";
 }
 
 // The real launch: the service in this process, a real unprivileged account as the console

@@ -44,6 +44,7 @@
 #include <nlohmann/json.hpp>
 
 #include "QBLumentideIPC.h"
+#include "platform/QBSignalSource.h"
 
 using json = nlohmann::json;
 using Clock = std::chrono::steady_clock;
@@ -364,25 +365,17 @@ int main(int argc, char** argv) {
         std::cerr << "usage: gui-standin [--socket PATH] [--answers FILE] [--version TEXT] [--quiet]\n";
         return 2;
     }
-    // The stop signals are taken by one thread; the others never see them.
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
-
-    StandIn standIn(*options);
-    std::mutex connectionLock;  // guards current, so the signal thread interrupts a live one
+    std::mutex connectionLock;  // guards current, so that a stop interrupts a live connection
     std::shared_ptr<ChannelConnection> current;
     std::condition_variable stopWake;
-    std::thread signalWaiter([&] {
-        int received = 0;
-        sigwait(&stopSignals, &received);
+    // Made before any other thread, so that none of them ever receives the stop signals.
+    QBSignalSource stopSignals({SIGINT, SIGTERM}, [&](int) {
         std::lock_guard guard(connectionLock);
         stopping = true;
         if (current) current->interrupt();
         stopWake.notify_all();
     });
+    StandIn standIn(*options);
 
     bool wasConnected = true;  // so that the first failure is reported
     while (!stopping) {
@@ -407,6 +400,6 @@ int main(int argc, char** argv) {
         current = nullptr;
         if (!stopping) std::cerr << "gui-standin: disconnected\n";
     }
-    signalWaiter.join();
+    stopSignals.waitForHandlers();
     return 0;
 }

@@ -14,3 +14,11 @@ bool eventually(Condition condition, std::chrono::milliseconds timeout = std::ch
     }
     return true;
 }
+
+// Sanitizers slow every thread down several times; bounds that tests check on wall-clock time
+// (a stop within a second, say) are stretched by this factor in those builds.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int sanitizerSlowdown = 5;
+#else
+constexpr int sanitizerSlowdown = 1;
+#endif
