@@ -1,17 +1,34 @@
 #include "VorbelVPNService.h"
 
+#include <systemd/sd-daemon.h>
+
 #include <chrono>
 #include <thread>
 
 #include "QBKelvoBridge.h"
 #include "QBKelvoXMLRPCServer.h"
 #include "QBLumentideIPC.h"
+#include "platform/QBChildProcess.h"
+#include "platform/QBText.h"
 
 namespace {
 
 // Bound on waiting for the channel's threads at stop: they only have to notice the wake-up and
 // close descriptors, so this is generous; a stuck GUI reader must not keep the daemon alive.
 constexpr std::chrono::seconds channelTeardownTimeout{5};
+
+// A child's output as lines split at "\n" alone; nullopt when it is not UTF-8.
+std::optional<std::vector<std::string>> linesOf(const std::string& output) {
+    if (!QBText::isValidUTF8(output)) return std::nullopt;
+    std::vector<std::string> lines;
+    std::size_t start = 0;
+    for (auto end = output.find('\n'); end != std::string::npos; end = output.find('\n', start)) {
+        lines.push_back(output.substr(start, end - start));
+        start = end + 1;
+    }
+    lines.push_back(output.substr(start));
+    return lines;
+}
 
 }  // namespace
 
@@ -24,7 +41,11 @@ VorbelVPNService::VorbelVPNService(Settings settings)
 VorbelVPNService::~VorbelVPNService() = default;
 
 void VorbelVPNService::startService() {
-    auto channel = QBLumentideIPC::initWithSocketPath(settings_.channelSocketPath, false);
+    addIPAlias();
+
+    // Under socket activation the service manager owns the socket file (its mode, its removal).
+    const bool socketPassed = sd_listen_fds(0) > 0;
+    auto channel = QBLumentideIPC::initWithSocketPath(settings_.channelSocketPath, socketPassed);
     setLumentideIPC(channel);
     channel->startServerOnThread();
 
@@ -48,6 +69,8 @@ void VorbelVPNService::startService() {
         server1->shutdown();
         server2->shutdown();
         channel->shutdown();
+        channel->waitForThreads(channelTeardownTimeout);
+        removeIPAlias();  // the stop may have looked before addIPAlias had set the flag
     }
 
     // The second server is served on this thread: when no thread can be started, the
@@ -67,6 +90,41 @@ void VorbelVPNService::stopService() {
         // socket file); the stop is complete, and the process may end, only after that.
         channel->waitForThreads(channelTeardownTimeout);
     }
+    removeIPAlias();
+}
+
+void VorbelVPNService::addIPAlias() {
+    const auto address = address1();
+    const auto text = address ? address->address() : std::nullopt;
+    if (text && getIfconfigData(settings_.aliasInterface).listsIPv4Address(*text)) return;
+    runTask(settings_.interfaceTool, settings_.addAliasArguments);
+    setIpAliasAdded(true);
+}
+
+void VorbelVPNService::removeIPAlias() {
+    if (ipAliasAdded()) runTask(settings_.interfaceTool, settings_.removeAliasArguments);
+}
+
+std::int32_t VorbelVPNService::runTask(const std::string& program,
+                                       const std::optional<std::vector<std::string>>& arguments,
+                                       std::optional<std::vector<std::string>>* output,
+                                       const std::optional<std::string>& workingDirectory) {
+    const auto result =
+        QBChildProcess::run(program, arguments.value_or(std::vector<std::string>{}),
+                            workingDirectory);
+    if (output != nullptr) *output = linesOf(result.output);
+    return result.status;
+}
+
+std::int32_t VorbelVPNService::runTask(const std::string& program,
+                                       const std::optional<std::vector<std::string>>& arguments) {
+    return runTask(program, arguments, nullptr, std::nullopt);
+}
+
+QBInterfaceData VorbelVPNService::getIfconfigData(const std::string& interfaceName) {
+    auto arguments = settings_.inspectArguments;
+    arguments.push_back(interfaceName);
+    return QBInterfaceData::parse(QBChildProcess::run(settings_.interfaceTool, arguments).output);
 }
 
 #define QB_ATOMIC_PROPERTY(Type, getter, setter, field)   \

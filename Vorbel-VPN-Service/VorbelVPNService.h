@@ -2,6 +2,11 @@
 // VorbelVPNService: the daemon's service object. It owns the loopback alias, the GUI message
 // channel (server end) and the two bridge servers, and runs the start and stop sequences.
 //
+// The alias (address1 as a host address on lo) is made and inspected by running the interface
+// tool (iproute2's ip) as a child: added at start unless the tool already lists it, removed at
+// stop only when this service added it. The channel's socket comes from the service manager when
+// it passed one (socket activation, name "MasterSocket"); otherwise the service binds the path.
+//
 // Lifecycle: Created -> startService() (Starting, then Serving while both bridge servers'
 // accept loops run) -> stopService() from a signal handler thread (Stopping) -> startService()
 // returns when both servers have stopped serving (Ended).
@@ -14,9 +19,12 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "QBIPAddress.h"
+#include "QBInterfaceData.h"
 #include "QBKelvoGUIApplication.h"
 
 class QBKelvoXMLRPCServer;
@@ -33,6 +41,15 @@ public:
         std::string channelSocketPath = "/var/run/com.kelvo.TunnelwrightService.socket";
         // The GUI application: where it is installed, who the console user is, how it starts.
         QBKelvoGUIApplication::Settings guiApplication{};
+        // The interface tool and its command lines (no shell): inspection gets the interface
+        // name appended; the alias is added to and removed from aliasInterface.
+        std::string interfaceTool = "/sbin/ip";
+        std::vector<std::string> inspectArguments = {"-o", "address", "show", "dev"};
+        std::string aliasInterface = "lo";
+        std::vector<std::string> addAliasArguments = {"address", "add", "127.94.0.1/32",
+                                                      "dev", "lo"};
+        std::vector<std::string> removeAliasArguments = {"address", "del", "127.94.0.1/32",
+                                                         "dev", "lo"};
     };
 
     VorbelVPNService() : VorbelVPNService(Settings{}) {}
@@ -45,6 +62,24 @@ public:
     void startService();
     // Runs the stop sequence. Safe to call more than once and from several threads at once.
     void stopService();
+
+    // Adds the alias unless the interface already lists address1; sets ipAliasAdded once the
+    // add command has been run, whatever its outcome.
+    void addIPAlias();
+    // Runs the remove command when ipAliasAdded is set (at every call; the flag stays set).
+    void removeIPAlias();
+    // Runs program with arguments as a child and returns its exit status (QBChildProcess::
+    // notStarted when it could not be started). When output is given, it receives the child's
+    // standard output and error as lines split at "\n" (a trailing "\n" gives a last, empty
+    // line), or nullopt when those bytes are not UTF-8.
+    std::int32_t runTask(const std::string& program,
+                         const std::optional<std::vector<std::string>>& arguments,
+                         std::optional<std::vector<std::string>>* output,
+                         const std::optional<std::string>& workingDirectory);
+    std::int32_t runTask(const std::string& program,
+                         const std::optional<std::vector<std::string>>& arguments);
+    // What the interface tool lists for interfaceName; empty data when it cannot be run.
+    QBInterfaceData getIfconfigData(const std::string& interfaceName);
 
     std::shared_ptr<QBKelvoXMLRPCServer> xmlRpcServer1() const;
     void setXmlRpcServer1(std::shared_ptr<QBKelvoXMLRPCServer> server);

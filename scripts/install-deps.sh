@@ -8,6 +8,7 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev
     iproute2 util-linux procps curl wrk nginx-light python3 libglib2.0-bin
     chromium chromium-driver python3-selenium
+    dpkg-dev file lintian systemd init-system-helpers man-db
 )
 missing=()
 for package in "${packages[@]}"; do

@@ -1,18 +1,27 @@
 // Runs the real daemon binary inside private namespaces, on its real port and socket path.
 
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
+#include <fstream>
+#include <thread>
 
+#include "QBInterfaceData.h"
 #include "QBLumentideIPC.h"
 #include "QBTCPSocket.h"
+#include "VorbelVPNService.h"
+#include "platform/QBChildProcess.h"
 #include "support/DaemonProcess.h"
 #include "support/Eventually.h"
 #include "support/LoopbackClient.h"
 #include "support/PrivateNamespace.h"
+#include "support/RawFramePeer.h"
+#include "support/TempDir.h"
 
 using namespace std::chrono_literals;
 
@@ -36,6 +45,11 @@ bool answersPreflight(const char* address) {
            reply->find("Access-Control-Allow-Methods: POST, OPTIONS\r\n") != std::string::npos;
 }
 
+bool aliasListed() {
+    const auto listing = QBChildProcess::run("/sbin/ip", {"-o", "address", "show", "dev", "lo"});
+    return QBInterfaceData::parse(listing.output).listsIPv4Address(aliasAddress);
+}
+
 // Occupies address:986 so that the daemon cannot listen there.
 bool blockPort(QBTCPSocket& blocker, const char* address) {
     return blocker.listenOnAddress(QBIPAddress::ipAddressWithAddress(address), bridgePort);
@@ -50,6 +64,7 @@ TEST_P(ServiceStopSignalTest, ServesBothAddressesAndTheChannelThenStopsCleanly) 
     DaemonProcess daemon;
     ASSERT_TRUE(daemon.start() && listening(aliasAddress) && listening(loopbackAddress));
     // The channel listens on a thread of its own, which may come after the bridge servers.
+    EXPECT_TRUE(aliasListed());
     struct stat info {};
     ASSERT_TRUE(eventually([&] { return ::stat(channelPath, &info) == 0; }));
     EXPECT_EQ(info.st_mode & (S_IFMT | 07777), S_IFSOCK | 0776u);
@@ -78,6 +93,7 @@ TEST_P(ServiceStopSignalTest, ServesBothAddressesAndTheChannelThenStopsCleanly) 
     EXPECT_EQ(daemon.waitForExit(deadline), 0);
     EXPECT_FALSE(listening(aliasAddress, 0ms) || listening(loopbackAddress, 0ms));
     EXPECT_NE(::access(channelPath, F_OK), 0) << "socket file left behind";
+    EXPECT_FALSE(aliasListed());
 }
 
 INSTANTIATE_TEST_SUITE_P(TermAndInt, ServiceStopSignalTest, ::testing::Values(SIGTERM, SIGINT),
@@ -115,4 +131,134 @@ TEST(ServiceProcessTest, WithoutThreadsTheProcessStillEndsWithStatusZero) {
     ASSERT_TRUE(daemon.startWith({.withoutThreads = true}));
     EXPECT_EQ(daemon.waitForExit(deadline), 0) << daemon.standardError();
     EXPECT_NE(daemon.standardError().find("Failed to start the signal thread"), std::string::npos);
+}
+
+TEST(ServiceProcessTest, AliasThatWasThereBeforeStartStaysAfterStop) {
+    QB_REQUIRE_PRIVATE_NAMESPACES();
+    ASSERT_EQ(QBChildProcess::run("/sbin/ip", {"address", "add", "127.94.0.1/32", "dev", "lo"})
+                  .status, 0);
+    DaemonProcess daemon;
+    ASSERT_TRUE(daemon.start() && listening(aliasAddress));
+    ASSERT_TRUE(daemon.signal(SIGTERM));
+    EXPECT_EQ(daemon.waitForExit(deadline), 0);
+    EXPECT_TRUE(aliasListed());
+}
+
+TEST(ServiceProcessTest, StopUnderLoadEndsAtOnceAndLeavesNothingBehind) {
+    QB_REQUIRE_PRIVATE_NAMESPACES();
+    // Orphans of the daemon become ours, so that any child it leaves is seen below.
+    ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+    DaemonProcess daemon;
+    ASSERT_TRUE(daemon.start() && listening(aliasAddress) && listening(loopbackAddress));
+    // The channel listens on a thread of its own: it may come a moment after the servers.
+    std::unique_ptr<RawFramePeer> gui;  // takes the bridge's commands and never answers them
+    ASSERT_TRUE(eventually([&] {
+        gui = std::make_unique<RawFramePeer>(channelPath);
+        return gui->isConnected();
+    }));
+
+    constexpr int connections = 64, waitingCalls = 32;
+    std::vector<std::unique_ptr<LoopbackClient>> clients;
+    for (int i = 0; i < connections; ++i) {
+        auto& client = clients.emplace_back(std::make_unique<LoopbackClient>(
+            bridgePort, i % 2 == 0 ? aliasAddress : loopbackAddress));
+        // Half the connections call the GUI; the other half sit in the middle of a request.
+        ASSERT_TRUE(client->send(i < waitingCalls ? xmlRpcPost(methodCall("state"))
+                                                  : std::string("POST /vpn HTTP/1.1\r\nHo")));
+    }
+    for (int i = 0; i < waitingCalls; ++i) ASSERT_TRUE(gui->readEnvelope()) << "call " << i;
+
+    const auto stopAt = std::chrono::steady_clock::now();
+    ASSERT_TRUE(daemon.signal(SIGTERM));
+    EXPECT_EQ(daemon.waitForExit(deadline), 0) << daemon.standardError();
+    EXPECT_LT(std::chrono::steady_clock::now() - stopAt, 1s * sanitizerSlowdown);
+    EXPECT_NE(::access(channelPath, F_OK), 0) << "socket file left behind";
+    EXPECT_FALSE(aliasListed());
+    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "a child of the daemon is still there";
+}
+
+TEST(ServiceProcessTest, TakesTheChannelSocketFromTheServiceManager) {
+    QB_REQUIRE_PRIVATE_NAMESPACES();
+    // systemd's own helper listens and, at the first connection, execs the daemon with the
+    // socket passed as "MasterSocket".
+    DaemonProcess daemon;
+    ASSERT_TRUE(daemon.start({"/usr/bin/systemd-socket-activate", "-l", channelPath,
+                              "--fdname=MasterSocket", QB_DAEMON_PATH}));
+    std::shared_ptr<QBLumentideIPC> gui;
+    ASSERT_TRUE(eventually([&] {
+        gui = QBLumentideIPC::initWithSocketPath(channelPath, false);
+        if (gui->connect()) return true;
+        gui->shutdown();  // an endpoint holds itself until it is shut down
+        return false;
+    })) << daemon.standardError();
+    ASSERT_TRUE(listening(aliasAddress));
+    EXPECT_EQ(gui->sendMessage("hello", {{"answer", 42}}).value_or(nullptr)["status"], "INVALID");
+    gui->shutdown();
+    gui->waitForThreads(deadline);
+
+    ASSERT_TRUE(daemon.signal(SIGTERM));
+    EXPECT_EQ(daemon.waitForExit(deadline), 0);
+    // The socket file belongs to the service manager, which keeps listening.
+    EXPECT_EQ(::access(channelPath, F_OK), 0);
+    EXPECT_EQ(daemon.standardError().find("Failed"), std::string::npos) << daemon.standardError();
+}
+
+// The service in this process, with the interface tool replaced by a script that records its
+// command lines and lists the alias or not.
+struct RecordedAliasCase {
+    const char* name;
+    bool toolListsAlias;
+    std::vector<std::string> expectedCommands;
+};
+
+void PrintTo(const RecordedAliasCase& aliasCase, std::ostream* out) { *out << aliasCase.name; }
+
+class ServiceAliasCommandTest : public ::testing::TestWithParam<RecordedAliasCase> {};
+
+TEST_P(ServiceAliasCommandTest, RunsExactlyTheCommandLinesOfTheSettings) {
+    QB_REQUIRE_PRIVATE_NAMESPACES();
+    TempDir directory;
+    const auto tool = directory.file("fake-ip"), log = directory.file("commands.log");
+    std::ofstream(tool) << "#!/bin/sh\necho \"$*\" >> " << log << "\n"
+                        << (GetParam().toolListsAlias
+                                ? "echo '1: lo    inet 127.94.0.1/32 scope host lo\\'\n"
+                                : "");
+    ASSERT_EQ(::chmod(tool.c_str(), 0755), 0);
+
+    VorbelVPNService::Settings settings;
+    settings.interfaceTool = tool;
+    VorbelVPNService service(settings);
+    std::thread serving([&] { service.startService(); });
+    EXPECT_TRUE(listening(aliasAddress));
+    service.stopService();
+    serving.join();
+    service.stopService();  // a second stop repeats only the removal
+
+    std::ifstream recorded(log);
+    std::vector<std::string> commands;
+    for (std::string line; std::getline(recorded, line);) commands.push_back(line);
+    EXPECT_EQ(commands, GetParam().expectedCommands);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    FakeTool, ServiceAliasCommandTest,
+    ::testing::Values(
+        RecordedAliasCase{"AliasMissing",
+                          false,
+                          {"-o address show dev lo", "address add 127.94.0.1/32 dev lo",
+                           "address del 127.94.0.1/32 dev lo", "address del 127.94.0.1/32 dev lo"}},
+        RecordedAliasCase{"AliasPresent", true, {"-o address show dev lo"}}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(ServiceProcessTest, ServesWithoutTheInterfaceTool) {
+    QB_REQUIRE_PRIVATE_NAMESPACES();
+    VorbelVPNService::Settings settings;
+    settings.interfaceTool = "/nonexistent/ip";
+    VorbelVPNService service(settings);
+    std::thread serving([&] { service.startService(); });
+    EXPECT_TRUE(listening(aliasAddress) && listening(loopbackAddress) &&
+                answersPreflight(loopbackAddress));
+    service.stopService();
+    serving.join();
+    EXPECT_TRUE(service.ipAliasAdded());  // the add command was issued, though it could not run
 }

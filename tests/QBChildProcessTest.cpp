@@ -1,0 +1,85 @@
+// Children run for the service (runTask): their output as lines, their status, and what they must
+// not inherit from the daemon.
+
+#include "platform/QBChildProcess.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include "VorbelVPNService.h"
+#include "support/TempDir.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+struct Run {
+    std::int32_t status;
+    std::optional<Lines> lines;
+};
+
+Run shell(const std::string& script, const std::optional<std::string>& directory = std::nullopt) {
+    VorbelVPNService service;
+    std::optional<Lines> lines;
+    const auto status = service.runTask("/bin/sh", Lines{"-c", script}, &lines, directory);
+    return {status, lines};
+}
+
+TEST(QBChildProcessTest, OutputBecomesLinesSplitAtLineFeedsOnly) {
+    const auto run = shell("printf 'one\\r\\n'; printf 'two\\n' >&2; exit 3");
+    EXPECT_EQ(run.status, 3);
+    EXPECT_EQ(run.lines, (Lines{"one\r", "two", ""}));
+    EXPECT_EQ(shell("printf 'caf\\303\\251'").lines, Lines{"caf\xC3\xA9"});
+    EXPECT_EQ(shell("printf 'bad \\377 byte\\n'").lines, std::nullopt);
+}
+
+TEST(QBChildProcessTest, ReportsSignalsAndProgramsThatCannotStart) {
+    EXPECT_EQ(shell("kill -KILL $$").status, SIGKILL);
+    VorbelVPNService service;
+    EXPECT_EQ(service.runTask("/nonexistent/tool", std::nullopt), QBChildProcess::notStarted);
+    EXPECT_EQ(service.runTask("/etc/hostname", Lines{}), QBChildProcess::notStarted);
+}
+
+TEST(QBChildProcessTest, RunsInTheGivenDirectory) {
+    TempDir directory;
+    EXPECT_EQ(shell("pwd", directory.path()).lines, (Lines{directory.path(), ""}));
+    EXPECT_EQ(shell("pwd", directory.file("missing")).status, QBChildProcess::notStarted);
+}
+
+TEST(QBChildProcessTest, ChildInheritsNoDescriptorsBlockedOrIgnoredSignals) {
+    // The daemon's state: stop signals blocked, SIGPIPE ignored, and a listening socket that is
+    // not close-on-exec (as the service manager passes it).
+    sigset_t stopSignals, previousMask;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGTERM);
+    sigaddset(&stopSignals, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, &previousMask);
+    const auto previousPipe = std::signal(SIGPIPE, SIG_IGN);
+    const auto previousTerm = std::signal(SIGTERM, SIG_IGN);
+    const int listening = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_GE(listening, 3);
+
+    const auto run = shell("grep -E '^Sig(Blk|Ign)' /proc/$$/status; readlink /proc/$$/fd/0; "
+                           "ls /proc/$$/fd/ | tr '\\n' ' '; printf '\\n'");
+    ::close(listening);
+    std::signal(SIGPIPE, previousPipe);
+    std::signal(SIGTERM, previousTerm);
+    pthread_sigmask(SIG_SETMASK, &previousMask, nullptr);
+
+    ASSERT_EQ(run.status, 0);
+    ASSERT_TRUE(run.lines && run.lines->size() == 5) << ::testing::PrintToString(run.lines);
+    const auto& lines = *run.lines;
+    EXPECT_EQ(lines[0], "SigBlk:\t0000000000000000");
+    // (glibc's own real-time signals may be inherited as ignored from whoever started the test.)
+    const auto ignored = std::stoull(lines[1].substr(lines[1].find('\t') + 1), nullptr, 16);
+    for (const int signalNumber : {SIGPIPE, SIGTERM, SIGINT}) {
+        EXPECT_EQ(ignored & (1ULL << (signalNumber - 1)), 0u) << "ignored: " << signalNumber;
+    }
+    EXPECT_EQ(lines[2], "/dev/null");
+    EXPECT_EQ(lines[3], "0 1 2 ");
+}
+
+}  // namespace
