@@ -6,13 +6,16 @@
 # runs longer than the slow-unit limit.
 #
 #   scripts/fuzz.sh                       # every target, 60 s each
-#   scripts/fuzz.sh --time 600 host_name   # one target (or several), 10 minutes each
+#   scripts/fuzz.sh --time 600 host_name  # one target (or several), 10 minutes each
 #   scripts/fuzz.sh --time 10 --jobs 2    # every target, two at a time (the CI smoke run)
+#   scripts/fuzz.sh --runs 10000000 --time 3600 --jobs 2 --work build/fuzz/long   # the long run
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 seconds=60
 jobs=1
+runs=""
+work=build/fuzz/runs
 build=1
 # An input that takes longer than this (seconds) is reported as a slow unit and fails the run.
 slow_unit_seconds=2
@@ -21,8 +24,10 @@ while (($#)); do
     case "$1" in
         --time) seconds="$2"; shift 2 ;;
         --jobs) jobs="$2"; shift 2 ;;
+        --runs) runs="$2"; shift 2 ;;
+        --work) work="$2"; shift 2 ;;
         --no-build) build=0; shift ;;
-        -h|--help) sed -n '2,12p' "$0"; exit 0 ;;
+        -h|--help) sed -n '2,13p' "$0"; exit 0 ;;
         -*) echo "unknown option $1" >&2; exit 2 ;;
         *) targets+=("$1"); shift ;;
     esac
@@ -36,7 +41,6 @@ if ((${#targets[@]} == 0)); then
     for source in fuzz/*.cpp; do targets+=("$(basename "$source" .cpp)"); done
 fi
 
-work=build/fuzz/runs
 mkdir -p "$work"
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:symbolize=1"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
@@ -51,6 +55,7 @@ run_target() {
     local options=(-max_total_time="$seconds" -timeout="$slow_unit_seconds" -print_final_stats=1
                    -artifact_prefix="$artifacts")
     [[ -e "fuzz/$target.dict" ]] && options+=(-dict="fuzz/$target.dict")
+    [[ -n "$runs" ]] && options+=(-runs="$runs")
     local status=0
     nice -n 10 "$binary" "${options[@]}" "$corpus" > "$work/$target.log" 2>&1 || status=$?
     local runs cov

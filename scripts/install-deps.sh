@@ -7,6 +7,7 @@ packages=(
     libicu-dev nlohmann-json3-dev libplist-dev libsystemd-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     iproute2 util-linux procps curl wrk nginx-light python3
+    clang libfuzzer-14-dev libclang-rt-14-dev
 )
 missing=()
 for package in "${packages[@]}"; do
