@@ -171,6 +171,10 @@ std::optional<std::string> punycodeEncode(std::u32string_view input) {
     return output;
 }
 
+// Up to this many code points (every real label; DNS allows 63 octets) the decoder inserts them
+// one by one: shifting so few costs less than the tree's allocations.
+constexpr std::size_t directInsertionLimit = 256;
+
 // One decoded code point and the position it was inserted at, among the code points so far.
 struct Insertion {
     std::uint32_t position;
@@ -180,7 +184,13 @@ struct Insertion {
 // The label that inserting each code point at its position, in order, into basic gives. Taken
 // in reverse, an insertion lands on the free slot of the finished label with position free
 // slots before it; the basic code points fill the slots left, in order.
-std::u32string placeInsertions(const std::u32string& basic, const std::vector<Insertion>& insertions) {
+std::u32string placeInsertions(std::u32string basic, const std::vector<Insertion>& insertions) {
+    if (basic.size() + insertions.size() <= directInsertionLimit) {
+        for (const auto& insertion : insertions) {
+            basic.insert(basic.begin() + insertion.position, insertion.codePoint);
+        }
+        return basic;
+    }
     std::u32string label(basic.size() + insertions.size(), U'\0');
     std::vector<bool> filled(label.size(), false);
     PositionCounts taken(label.size());
@@ -237,7 +247,7 @@ std::optional<std::u32string> punycodeDecode(std::string_view input) {
         insertions.push_back({i, static_cast<char32_t>(n)});
         ++i;
     }
-    return placeInsertions(output, insertions);
+    return placeInsertions(std::move(output), insertions);
 }
 
 // ---- Text conversions ----
