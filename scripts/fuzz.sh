@@ -62,7 +62,7 @@ run_target() {
     nice -n 10 "$binary" "${options[@]}" "$corpus" > "$work/$target.log" 2>&1 || status=$?
     local runs cov
     runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$work/$target.log" | tail -1)
-    cov=$(grep -o 'cov: [0-9]*' "$work/$target.log" | tail -1 | cut -d' ' -f2)
+    cov=$(grep -o 'cov: [0-9]*' "$work/$target.log" | tail -1 | cut -d' ' -f2 || true)
     if ((status == 0)); then
         echo "$target: ok, ${runs:-?} executions, ${cov:-?} edges" > "$work/$target.result"
     else
@@ -85,7 +85,8 @@ for target in "${targets[@]}"; do
 done
 if ((failed)); then
     for target in "${targets[@]}"; do
-        grep -q ': ok,' "$work/$target.result" || grep -E -A25 'ERROR|SUMMARY|timeout' "$work/$target.log" | head -60
+        grep -q ': ok,' "$work/$target.result" || [[ ! -f "$work/$target.log" ]] ||
+            grep -E -A25 'ERROR|SUMMARY|timeout' "$work/$target.log" | head -60 || true
     done
 fi
 exit "$failed"
