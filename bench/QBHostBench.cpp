@@ -37,6 +37,36 @@ void BM_PunycodeDecodeJapaneseLabel(benchmark::State& state) {
 }
 BENCHMARK(BM_PunycodeDecodeJapaneseLabel);
 
+// 64 KiB inputs crafted against the conversions: a label of distinct CJK code points (each
+// one a round of the encoder) and Punycode digits that each insert a code point near the front.
+std::string distinctCJKLabel() {
+    std::string label;
+    for (char32_t c = 0x4E00; label.size() < 65536; ++c) {
+        label += static_cast<char>(0xE0 | (c >> 12));
+        label += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+        label += static_cast<char>(0x80 | (c & 0x3F));
+    }
+    return label;
+}
+
+void BM_PunycodeEncode64KiBLabel(benchmark::State& state) {
+    const std::string label = distinctCJKLabel();
+    for (auto _ : state) benchmark::DoNotOptimize(QBHost::punycodeEncodedString(label));
+}
+BENCHMARK(BM_PunycodeEncode64KiBLabel)->Unit(benchmark::kMillisecond);
+
+void BM_PunycodeDecode64KiBDigits(benchmark::State& state) {
+    const std::string digits(65536, 'b');
+    for (auto _ : state) benchmark::DoNotOptimize(QBHost::punycodeDecodedString(digits));
+}
+BENCHMARK(BM_PunycodeDecode64KiBDigits)->Unit(benchmark::kMillisecond);
+
+void BM_IDNAEncode64KiBLabel(benchmark::State& state) {
+    const std::string name = distinctCJKLabel() + ".example";
+    for (auto _ : state) benchmark::DoNotOptimize(QBHost::IDNAEncodedString(name));
+}
+BENCHMARK(BM_IDNAEncode64KiBLabel)->Unit(benchmark::kMillisecond);
+
 void BM_IDNAEncodeTypicalName(benchmark::State& state) {
     for (auto _ : state) benchmark::DoNotOptimize(QBHost::IDNAEncodedString(typicalName));
 }

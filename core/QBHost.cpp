@@ -68,30 +68,87 @@ std::uint32_t punycodeDecodeDigit(char c) {
     return punycodeBase;
 }
 
-// RFC 3492 section 6.3; nullopt on the RFC's overflow conditions.
+// Counts of marked positions 0..size-1 (a Fenwick tree): marking, counting the marks before a
+// position, and finding the k-th unmarked position, each in O(log size). It keeps Punycode's
+// position arithmetic linear-logarithmic, where walking or shifting the whole label for every
+// code point would be quadratic (a long crafted label took seconds).
+class PositionCounts {
+  public:
+    explicit PositionCounts(std::size_t size) : tree(size + 1, 0) {
+        while (topBit * 2 <= size) topBit *= 2;
+    }
+    void mark(std::size_t position) {
+        for (std::size_t at = position + 1; at < tree.size(); at += at & (~at + 1)) ++tree[at];
+    }
+    // Marked positions below position.
+    std::uint32_t marksBefore(std::size_t position) const {
+        std::uint32_t count = 0;
+        for (std::size_t at = position; at > 0; at -= at & (~at + 1)) count += tree[at];
+        return count;
+    }
+    // The unmarked position that has k unmarked positions before it (k < unmarked count).
+    std::size_t unmarkedAt(std::size_t k) const {
+        std::size_t at = 0;
+        for (std::size_t step = topBit; step > 0; step /= 2) {
+            const std::size_t next = at + step;
+            if (next < tree.size() && step - tree[next] <= k) {
+                at = next;
+                k -= step - tree[next];
+            }
+        }
+        return at;
+    }
+
+  private:
+    std::vector<std::uint32_t> tree;
+    std::size_t topBit = 1;
+};
+
+// RFC 3492 section 6.3; nullopt on the RFC's overflow conditions. The RFC walks the whole input
+// once per distinct code point; here the code points are taken in increasing order (positions
+// ascending among equals) and the code points below the current one that the walk would count
+// come from PositionCounts, which gives the same deltas in O(n log n).
 std::optional<std::string> punycodeEncode(std::u32string_view input) {
     if (input.size() > punycodeMaxInputLength) return std::nullopt;
     std::string output;
-    for (char32_t c : input) {
-        if (c < 0x80) output.push_back(static_cast<char>(c));
+    std::vector<std::size_t> pending;  // positions of non-basic code points, to be sorted
+    for (std::size_t position = 0; position < input.size(); ++position) {
+        if (input[position] < 0x80) {
+            output.push_back(static_cast<char>(input[position]));
+        } else {
+            pending.push_back(position);
+        }
     }
     const auto basicCount = static_cast<std::uint32_t>(output.size());
     if (basicCount > 0) output.push_back(punycodeDelimiter);
+    std::sort(pending.begin(), pending.end(), [input](std::size_t a, std::size_t b) {
+        return input[a] != input[b] ? input[a] < input[b] : a < b;
+    });
 
+    PositionCounts smaller(input.size());  // marks the code points below n
+    for (std::size_t position = 0; position < input.size(); ++position) {
+        if (input[position] < 0x80) smaller.mark(position);
+    }
     std::uint32_t n = punycodeInitialN;
     std::uint32_t delta = 0;
     std::uint32_t bias = punycodeInitialBias;
-    for (std::uint32_t handled = basicCount; handled < input.size();) {
-        std::uint32_t m = punycodeMaxInt;
-        for (char32_t c : input) {
-            if (c >= n && c < m) m = c;
-        }
+    std::uint32_t handled = basicCount;
+    for (std::size_t first = 0; first < pending.size();) {
+        const std::uint32_t m = input[pending[first]];
+        std::size_t last = first;
+        while (last < pending.size() && input[pending[last]] == m) ++last;
         if (m - n > (punycodeMaxInt - delta) / (handled + 1)) return std::nullopt;
         delta += (m - n) * (handled + 1);
         n = m;
-        for (char32_t c : input) {
-            if (c < n && ++delta == 0) return std::nullopt;
-            if (c != n) continue;
+        // handled code points are below n; the walk counts each of them once.
+        const std::uint32_t below = handled;
+        std::uint32_t counted = 0;
+        for (std::size_t j = first; j < last; ++j) {
+            const std::uint32_t before = smaller.marksBefore(pending[j]);
+            // The RFC steps delta one by one and fails when it wraps to zero.
+            if (std::uint64_t{delta} + (before - counted) > punycodeMaxInt) return std::nullopt;
+            delta += before - counted;
+            counted = before;
             std::uint32_t q = delta;
             for (std::uint32_t k = punycodeBase;; k += punycodeBase) {
                 const std::uint32_t t = punycodeThreshold(k, bias);
@@ -104,10 +161,49 @@ std::optional<std::string> punycodeEncode(std::u32string_view input) {
             delta = 0;
             ++handled;
         }
+        if (std::uint64_t{delta} + (below - counted) > punycodeMaxInt) return std::nullopt;
+        delta += below - counted;
+        for (std::size_t j = first; j < last; ++j) smaller.mark(pending[j]);
         ++delta;
         ++n;
+        first = last;
     }
     return output;
+}
+
+// Up to this many code points (every real label; DNS allows 63 octets) the decoder inserts them
+// one by one: shifting so few costs less than the tree's allocations.
+constexpr std::size_t directInsertionLimit = 256;
+
+// One decoded code point and the position it was inserted at, among the code points so far.
+struct Insertion {
+    std::uint32_t position;
+    char32_t codePoint;
+};
+
+// The label that inserting each code point at its position, in order, into basic gives. Taken
+// in reverse, an insertion lands on the free slot of the finished label with position free
+// slots before it; the basic code points fill the slots left, in order.
+std::u32string placeInsertions(std::u32string basic, const std::vector<Insertion>& insertions) {
+    if (basic.size() + insertions.size() <= directInsertionLimit) {
+        for (const auto& insertion : insertions) {
+            basic.insert(basic.begin() + insertion.position, insertion.codePoint);
+        }
+        return basic;
+    }
+    std::u32string label(basic.size() + insertions.size(), U'\0');
+    std::vector<bool> filled(label.size(), false);
+    PositionCounts taken(label.size());
+    for (auto insertion = insertions.rbegin(); insertion != insertions.rend(); ++insertion) {
+        const std::size_t slot = taken.unmarkedAt(insertion->position);
+        label[slot] = insertion->codePoint;
+        filled[slot] = true;
+        taken.mark(slot);
+    }
+    for (std::size_t slot = 0, next = 0; slot < label.size(); ++slot) {
+        if (!filled[slot]) label[slot] = basic[next++];
+    }
+    return label;
 }
 
 // RFC 3492 section 6.2; nullopt for bad input, overflow, or a value that is no Unicode scalar
@@ -124,6 +220,7 @@ std::optional<std::u32string> punycodeDecode(std::string_view input) {
         output.push_back(c);
     }
 
+    std::vector<Insertion> insertions;
     std::uint32_t n = punycodeInitialN;
     std::uint32_t i = 0;
     std::uint32_t bias = punycodeInitialBias;
@@ -141,16 +238,16 @@ std::optional<std::u32string> punycodeDecode(std::string_view input) {
             if (w > punycodeMaxInt / (punycodeBase - t)) return std::nullopt;
             w *= punycodeBase - t;
         }
-        const auto count = static_cast<std::uint32_t>(output.size() + 1);
+        const auto count = static_cast<std::uint32_t>(output.size() + insertions.size() + 1);
         bias = punycodeAdapt(i - oldi, count, oldi == 0);
         if (i / count > punycodeMaxInt - n) return std::nullopt;
         n += i / count;
         i %= count;
         if (n > maxCodePoint || (n >= firstSurrogate && n <= lastSurrogate)) return std::nullopt;
-        output.insert(output.begin() + i, static_cast<char32_t>(n));
+        insertions.push_back({i, static_cast<char32_t>(n)});
         ++i;
     }
-    return output;
+    return placeInsertions(std::move(output), insertions);
 }
 
 // ---- Text conversions ----

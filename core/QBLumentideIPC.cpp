@@ -1377,10 +1377,12 @@ std::optional<json> QBLumentideIPC::readFrame(const ReceiveCall& receive) {
     for (int i = 3; i >= 0; --i) length = (length << 8) | lengthBytes[i];
     if (length == 0 || length > maximumFrameBodyLength) return std::nullopt;
 
-    std::vector<std::uint8_t> body(length);
+    // The body grows as it arrives, so five bytes that announce a megabyte cost no megabyte.
+    std::vector<std::uint8_t> body;
     std::size_t received = 0;
     while (received < length) {
         const std::size_t piece = std::min<std::size_t>(length - received, transferChunkSize);
+        body.resize(received + piece);
         const std::ptrdiff_t got = receive(body.data() + received, piece);
         if (got <= 0) return std::nullopt;
         received += static_cast<std::size_t>(got);

@@ -9,6 +9,7 @@ packages=(
     iproute2 util-linux procps curl wrk nginx-light python3 libglib2.0-bin
     chromium chromium-driver python3-selenium
     dpkg-dev file lintian systemd init-system-helpers man-db
+    clang libfuzzer-14-dev libclang-rt-14-dev
 )
 missing=()
 for package in "${packages[@]}"; do

@@ -89,11 +89,14 @@ TEST(QBHostPunycodeTest, EncodingsDecodeBackAndAnyOtherInputGivesTextOrNothing) 
     // the BMP, where its deltas cannot reach 32 bits.
     const std::pair<std::uint32_t, std::uint32_t> ranges[] = {
         {0x21, 0x7E}, {0xA0, 0x24F}, {0x4E00, 0x9FFF}, {0xE000, 0xFFFD}, {0x10000, 0x10FFFF}};
+    // Round 1 is 20000 code points of only three values, so that many equal code points are
+    // placed among each other.
     for (int round = 0; round < 2000; ++round) {
-        std::u32string codePoints(round == 0 ? 2000 : random() % 30 + 1, U'\0');
+        std::u32string codePoints(round == 0 ? 2000 : round == 1 ? 20000 : random() % 30 + 1, U'\0');
         for (auto& c : codePoints) {
             const auto& [low, high] = ranges[random() % (round == 0 ? 4 : 5)];
-            c = std::uniform_int_distribution<std::uint32_t>(low, high)(random);
+            c = round == 1 ? U"a\u00fc\u4e00"[random() % 3]
+                           : std::uniform_int_distribution<std::uint32_t>(low, high)(random);
         }
         auto encoded = QBHost::punycodeEncodedString(utf8(codePoints));
         ASSERT_TRUE(encoded.has_value()) << round;
