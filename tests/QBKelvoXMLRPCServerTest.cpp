@@ -258,7 +258,10 @@ TEST(BridgeServerConnectionLimitTest, NewConnectionReplacesTheLongestWaitingOne)
     for (int i = 0; i < 4; ++i) {
         stalled.push_back(std::make_unique<LoopbackClient>(running.port()));
         ASSERT_TRUE(stalled.back()->send("OPTIONS /vpn HTTP/1.1\r\n"));
-        std::this_thread::sleep_for(20ms);  // a distinct last activity for each
+        // A distinct last activity for each: the loop has taken this one in, and its clock moves
+        // on well before the next one arrives, however slowly the loop thread is scheduled.
+        ASSERT_TRUE(eventually([&] { return running.server->connectionCount() == stalled.size(); }));
+        std::this_thread::sleep_for(20ms * sanitizerSlowdown);
     }
     EXPECT_TRUE(answers(running.port(), statePost));
     EXPECT_TRUE(stalled[0]->closedWithoutReply(1s));
