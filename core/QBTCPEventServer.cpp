@@ -101,11 +101,25 @@ private:
         int stage = noStage;
         Clock::time_point deadline = Clock::time_point::max();
         Clock::time_point lastActivity;
-        bool busy = false;  // a pool thread works on its request; not in the epoll set
+        // Its request is being worked on (by a pool thread, or by whoever finishes a deferred
+        // request). The connection stays in the epoll set meanwhile, so a request costs no
+        // epoll_ctl calls; only an event that arrives while it is busy takes it out.
+        bool busy = false;
+        // While busy: whether the reply may be sent by the finishing thread itself (no
+        // received bytes wait behind the request), and where that hand-over stands.
+        bool mayReplyDirectly = false;
+        std::atomic<int> handOver{working};
     };
+    // Where a busy connection's hand-over stands. working: the epoll set still watches it;
+    // unwatched: an event came first, so the loop took it out of the set and the finishing
+    // thread must post its completion; replied: the finishing thread has sent the whole reply,
+    // and the loop takes the connection up again when it next hears of it.
+    static constexpr int working = 0;
+    static constexpr int unwatched = 1;
+    static constexpr int replied = 2;
     struct Completion {
         int descriptor;
-        std::optional<std::string> reply;
+        std::optional<std::string> reply;  // empty: it was sent already
     };
 
     void dispatch(const epoll_event& event);
@@ -123,6 +137,9 @@ private:
     void offload(Connection& connection, std::function<std::optional<std::string>()> work);
     void defer(Connection& connection, Defer& deferred);
     void markBusy(Connection& connection);
+    void complete(Connection& connection, std::optional<std::string> reply);
+    bool settleBusy(Connection& connection);
+    void settleReplied();
     void post(Completion completion);
     void runCompletions();
     void resume(Connection& connection, std::optional<std::string> reply);
@@ -145,7 +162,7 @@ private:
     std::array<char, receiveChunk> scratch{};
     std::size_t busyConnections = 0;
     bool stopRequested = false;
-    bool stopping = false;
+    std::atomic<bool> stopping{false};  // read by finishing threads too
     bool epollFailed = false;  // the epoll set is unusable: the loop only finishes its jobs
     bool listenerPaused = false;
     Clock::time_point now = Clock::now();
@@ -194,6 +211,7 @@ void QBTCPEventServer::Loop::run() {
         now = Clock::now();
         for (int i = 0; i < count; ++i) dispatch(events[static_cast<std::size_t>(i)]);
         if (stopRequested && !stopping) beginStop();
+        if (stopping && busyConnections > 0) settleReplied();
         if (now - lastSweep >= sweepInterval) sweep();
     }
 }
@@ -223,7 +241,8 @@ void QBTCPEventServer::Loop::dispatch(const epoll_event& event) {
     } else if (descriptor == server.shared->stopEvent) {
         stopRequested = true;
     } else if (const auto found = connections.find(descriptor); found != connections.end()) {
-        serveEvent(*found->second, event.events);
+        auto& connection = *found->second;
+        if (!connection.busy || settleBusy(connection)) serveEvent(connection, event.events);
     }
 }
 
@@ -428,9 +447,9 @@ void QBTCPEventServer::Loop::closeKeepingSlot(Connection& connection) {
 // ---- Offloaded requests ---------------------------------------------------------------------
 
 void QBTCPEventServer::Loop::markBusy(Connection& connection) {
-    // Not watched while busy: a hang-up would otherwise be reported again and again.
-    ::epoll_ctl(epoll, EPOLL_CTL_DEL, connection.descriptor, nullptr);
     connection.busy = true;
+    connection.mayReplyDirectly = connection.pending.empty();
+    connection.handOver.store(working);
     ++busyConnections;
 }
 
@@ -439,9 +458,8 @@ void QBTCPEventServer::Loop::defer(Connection& connection, Defer& deferred) {
     // The loop runs until every busy connection has had its completion, so it outlives every
     // finish that is still to come.
     const auto finished = std::make_shared<std::atomic<bool>>(false);
-    const Finish finish = [this, descriptor = connection.descriptor,
-                           finished](std::optional<std::string> reply) {
-        if (!finished->exchange(true)) post(Completion{descriptor, std::move(reply)});
+    const Finish finish = [this, &connection, finished](std::optional<std::string> reply) {
+        if (!finished->exchange(true)) complete(connection, std::move(reply));
     };
     bool started = false;
     try {
@@ -451,6 +469,7 @@ void QBTCPEventServer::Loop::defer(Connection& connection, Defer& deferred) {
         return;
     }
     if (started) return;
+    // Nobody else has seen the connection: the work may simply run on the pool instead.
     connection.busy = false;
     --busyConnections;
     offload(connection, std::move(deferred.otherwise));
@@ -459,15 +478,14 @@ void QBTCPEventServer::Loop::defer(Connection& connection, Defer& deferred) {
 void QBTCPEventServer::Loop::offload(Connection& connection,
                                      std::function<std::optional<std::string>()> work) {
     markBusy(connection);
-    const int descriptor = connection.descriptor;
-    const bool queued = workers.submit([this, descriptor, work = std::move(work)] {
+    const bool queued = workers.submit([this, &connection, work = std::move(work)] {
         std::optional<std::string> reply;
         try {
             reply = work();
         } catch (...) {
             // A failed request closes its connection, as any refusal does.
         }
-        post(Completion{descriptor, std::move(reply)});
+        complete(connection, std::move(reply));
     });
     if (!queued) {
         connection.busy = false;
@@ -476,8 +494,67 @@ void QBTCPEventServer::Loop::offload(Connection& connection,
     }
 }
 
-// Runs on a pool thread. The wake-up is written under the lock, so the loop, which takes the
-// lock to collect completions, cannot end and close it while a poster still uses it.
+// Runs on the thread that has the reply. A busy connection is neither closed nor read by the
+// loop, so its descriptor is this thread's to send on until the hand-over says otherwise. When
+// the whole reply goes out at once and the loop has not touched the connection meanwhile, the
+// loop is not even woken: the peer's next request (or the next sweep) brings the connection
+// back to it. Everything else (no reply, a stop, a reply that does not fit, received bytes that
+// wait, an event that came first) goes to the loop as a completion.
+void QBTCPEventServer::Loop::complete(Connection& connection, std::optional<std::string> reply) {
+    const int descriptor = connection.descriptor;
+    if (reply && !reply->empty() && connection.mayReplyDirectly && !stopping.load()) {
+        const ssize_t sent =
+            ::send(descriptor, reply->data(), reply->size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent == static_cast<ssize_t>(reply->size())) {
+            int expected = working;
+            if (connection.handOver.compare_exchange_strong(expected, replied)) return;
+            reply->clear();  // sent; the loop only has to watch the connection again
+        } else if (sent > 0) {
+            reply->erase(0, static_cast<std::size_t>(sent));  // the loop sends the rest
+        }
+        // On a failed send the loop's own send fails the same way and closes the connection.
+    }
+    post(Completion{descriptor, std::move(reply)});
+}
+
+// An event for a busy connection. True when its reply has gone out meanwhile: it is now served
+// as any other. False while its request is still being worked on: the event is left for later
+// and the connection leaves the epoll set (level-triggered, a hang-up or early bytes would be
+// reported again and again) until its completion puts it back.
+bool QBTCPEventServer::Loop::settleBusy(Connection& connection) {
+    int expected = working;
+    if (connection.handOver.compare_exchange_strong(expected, unwatched)) {
+        ::epoll_ctl(epoll, EPOLL_CTL_DEL, connection.descriptor, nullptr);
+        return false;
+    }
+    if (expected != replied) return false;
+    connection.busy = false;
+    --busyConnections;
+    connection.lastActivity = now;
+    return true;
+}
+
+// Takes up the connections whose replies went out without a completion: they wait for the
+// peer's next request as any other (with that stage's time-out from now on).
+void QBTCPEventServer::Loop::settleReplied() {
+    std::vector<Connection*> settled;
+    for (auto& entry : connections) {
+        auto& connection = *entry.second;
+        if (connection.busy && connection.handOver.load() == replied && settleBusy(connection)) {
+            settled.push_back(&connection);
+        }
+    }
+    for (auto* connection : settled) {
+        if (stopping) {
+            close(*connection);
+        } else {
+            advance(*connection);
+        }
+    }
+}
+
+// Runs on the finishing thread. The wake-up is written under the lock, so the loop, which takes
+// the lock to collect completions, cannot end and close it while a poster still uses it.
 void QBTCPEventServer::Loop::post(Completion completion) {
     std::lock_guard guard(completionLock);
     completions.push_back(std::move(completion));
@@ -504,18 +581,22 @@ void QBTCPEventServer::Loop::runCompletions() {
 }
 
 void QBTCPEventServer::Loop::resume(Connection& connection, std::optional<std::string> reply) {
-    if (stopping || !reply || !watch(connection.descriptor, EPOLLIN, EPOLL_CTL_ADD)) {
+    const bool watched = connection.handOver.load() != unwatched ||
+                         (!stopping && watch(connection.descriptor, EPOLLIN, EPOLL_CTL_ADD));
+    if (stopping || !reply || !watched) {
         close(connection);
         return;
     }
     connection.lastActivity = now;
-    if (send(connection, *reply) && connection.output.empty()) advance(connection);
+    const bool sent = reply->empty() || send(connection, *reply);
+    if (sent && connection.output.empty()) advance(connection);
 }
 
 // ---- Time-outs and stopping -----------------------------------------------------------------
 
 void QBTCPEventServer::Loop::sweep() {
     lastSweep = now;
+    if (busyConnections > 0) settleReplied();
     for (auto entry = connections.begin(); entry != connections.end();) {
         const auto& connection = *entry->second;
         if (connection.busy || now < connection.deadline) {

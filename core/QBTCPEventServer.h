@@ -14,7 +14,9 @@
 //             while it waits; work that cannot start so runs as an Offload instead;
 //  - Close:   close the connection without a word.
 // Requests of one connection are therefore answered in order, one at a time; the connection is
-// not read while its reply is being worked out or cannot be sent (back-pressure).
+// not read while its reply is being worked out or cannot be sent (back-pressure). The thread
+// that has an Offload's or a Defer's reply sends it itself when it fits into the socket at once
+// and nothing else waits on the connection, so that the loop is not woken for it.
 //
 // Time-outs: every Wait names a stage. When the stage differs from the connection's current
 // one, its deadline becomes now + the Wait's time-out; while the stage stays the same, the

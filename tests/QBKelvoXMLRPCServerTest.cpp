@@ -393,6 +393,49 @@ TEST_F(BridgeServerTest, CommandsStartedWithoutAThreadAreAnsweredWhenTheirResult
     EXPECT_TRUE(commands->calls().empty()) << "no command ran on a pool thread";
 }
 
+// A deferred reply may leave from the finishing thread without waking the loop; the connection
+// must then still serve its next request, keep its time-outs, and not lose bytes that arrived
+// while its request was out.
+TEST(BridgeServerDeferredTest, ConnectionsGoOnAfterRepliesFinishedElsewhere) {
+    auto commands = std::make_shared<FakeBridgeCommands>();
+    commands->deferState = true;
+    RunningBridgeServer running(commands, {.idleTimeout = 400ms, .bodyTimeout = 1s});
+    const auto finishAll = [&](const std::string& result, std::size_t count = 1) {
+        std::vector<FakeBridgeCommands::Finish> finishes;
+        const bool taken = eventually([&] {
+            for (auto& finish : commands->takeDeferred()) finishes.push_back(finish);
+            return finishes.size() == count;
+        });
+        std::thread([&] {
+            for (auto& finish : finishes) finish(result);
+        }).join();
+        return taken;
+    };
+    const auto reply = [](const std::string& result) {
+        return expectedReply(S::methodResponseDocument({result}));
+    };
+    LoopbackClient quiet(running.port()), early(running.port()), pipelined(running.port());
+    ASSERT_TRUE(quiet.send(statePost));
+    ASSERT_TRUE(finishAll("first"));
+    EXPECT_TRUE(answered(quiet, reply("first")));
+    ASSERT_TRUE(quiet.send(statePost));  // the same connection, served again
+    ASSERT_TRUE(finishAll("second"));
+    EXPECT_TRUE(answered(quiet, reply("second")));
+    // The next request arrives before the reply, or together with the first one.
+    ASSERT_TRUE(early.send(statePost));
+    ASSERT_TRUE(pipelined.send(statePost + preflight));
+    std::this_thread::sleep_for(50ms);
+    ASSERT_TRUE(early.send(preflight));
+    std::this_thread::sleep_for(50ms);
+    ASSERT_TRUE(finishAll("third", 2));
+    for (auto* client : {&early, &pipelined}) {
+        EXPECT_TRUE(answered(*client, reply("third")));
+        EXPECT_TRUE(answered(*client, preflightReply));
+    }
+    // Silent after a reply from elsewhere: the idle time-out still ends the connection.
+    EXPECT_TRUE(quiet.closedWithoutReply(2s));
+}
+
 TEST(BridgeServerTimeoutTest, StalledConnectionsAreClosedUnanswered) {
     LogCapture log;
     RunningBridgeServer running(
