@@ -193,6 +193,19 @@ std::ptrdiff_t receiveNow(int socket, std::uint8_t* bytes, std::size_t length) {
     }
 }
 
+// The same, waiting until input (or the end of the connection) arrives; also on a socket that
+// was left non-blocking.
+std::ptrdiff_t receiveWaiting(int socket, std::uint8_t* bytes, std::size_t length) {
+    for (;;) {
+        const ssize_t received = ::recv(socket, bytes, length, 0);
+        if (received >= 0) return received;
+        if (errno == EINTR) continue;
+        if (errno != EAGAIN && errno != EWOULDBLOCK) return -1;
+        pollfd input{socket, POLLIN, 0};
+        if (::poll(&input, 1, -1) < 0 && errno != EINTR) return -1;
+    }
+}
+
 // The envelope in a frame's body; nothing for bad JSON, a top level that is not an object, or
 // too deep a nesting.
 std::optional<json> decodeEnvelope(std::string_view body) {
@@ -330,7 +343,7 @@ struct QBLumentideIPC::Connection {
     std::condition_variable readerWake;  // the reader thread waits here while senders lead
     bool tokenHeld = false;              // someone reads the socket; only that thread touches input
     bool readerNeedsCall = false;        // the parked reader thread waits to be woken when no sender waits
-    bool readerWatching = false;         // the reader thread is in poll() (or about to be); nobody leads
+    bool readerWatching = false;         // the reader thread waits for input (or is about to); nobody leads
     bool ended = false;                  // the connection is over; nobody takes the token again
     std::vector<WaitingEntry*> waiters;  // senders of requests on this connection, until they return
     std::deque<nlohmann::json> commands; // commands read, not yet handed to the delegate, oldest first
@@ -1068,7 +1081,7 @@ void QBLumentideIPC::lead(WaitingEntry& entry, std::unique_lock<std::mutex>& gua
     pollfd watched[2] = {{connection.socket, POLLIN, 0}, {connection.leaderKick, POLLIN, 0}};
     const int ready = ::poll(watched, mode_.load() == serverMode ? 2 : 1, -1);
     if (ready > 0 && watched[1].revents != 0) drainKicks(connection.leaderKick);
-    const bool open = ready <= 0 || watched[0].revents == 0 || receiveFrames(connection);
+    const bool open = ready <= 0 || watched[0].revents == 0 || receiveFrames(connection, false);
     guard.lock();
     connection.tokenHeld = false;
     entry.leading = false;
@@ -1187,19 +1200,15 @@ void QBLumentideIPC::runReader(Connection& connection) {
         }
         longWait = false;
         // No sender leads while this thread watches (see mayLead), so that a command or answer
-        // that arrives always finds this thread awake: only the socket needs watching.
+        // that arrives always finds this thread awake: only the socket needs watching, and the
+        // thread waits in the receive itself (a shutdown(2) of the socket ends that wait).
         connection.readerWatching = true;
-        guard.unlock();
-        pollfd watched{connection.socket, POLLIN, 0};
-        const int ready = ::poll(&watched, 1, -1);
-        guard.lock();
-        connection.readerWatching = false;
-        if (ready <= 0 || connection.tokenHeld) continue;
         connection.tokenHeld = true;
         const std::uint64_t answeredBefore = connection.answersRead;
         guard.unlock();
-        const bool open = receiveFrames(connection);
+        const bool open = receiveFrames(connection, true);
         guard.lock();
+        connection.readerWatching = false;
         connection.tokenHeld = false;
         if (!open) connection.ended = true;
         // Senders that waited while this thread watched read for themselves from now on.
@@ -1208,11 +1217,12 @@ void QBLumentideIPC::runReader(Connection& connection) {
     }
 }
 
-bool QBLumentideIPC::receiveFrames(Connection& connection) {
+bool QBLumentideIPC::receiveFrames(Connection& connection, bool waitForInput) {
     // Called with the token held and no lock. The socket stays blocking for the peer's sake;
-    // every receive here is told not to wait, as poll() has just found input (or the end).
+    // a receive here waits only when asked to, otherwise poll() has just found input (or the end).
     const std::span<std::uint8_t> space = connection.input.space();
-    const std::ptrdiff_t got = receiveNow(connection.socket, space.data(), space.size());
+    const std::ptrdiff_t got = waitForInput ? receiveWaiting(connection.socket, space.data(), space.size())
+                                            : receiveNow(connection.socket, space.data(), space.size());
     if (got == 0) return false;
     if (got < 0) return errno == EAGAIN || errno == EWOULDBLOCK;
     connection.input.received(static_cast<std::size_t>(got));

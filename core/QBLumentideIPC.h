@@ -319,7 +319,7 @@ private:
     bool enterReaderLoop(const std::shared_ptr<Connection>& connection);
     void notifyDelegate(void (QBLumentideIPCDelegate::*notification)(QBLumentideIPC&));
     void runReader(Connection& connection);
-    bool receiveFrames(Connection& connection);
+    bool receiveFrames(Connection& connection, bool waitForInput);
     void handleEnvelope(nlohmann::json& envelope, Connection& connection);
     void handleCommand(const nlohmann::json& envelope, int socket);
     void matchReply(nlohmann::json& envelope, Connection& readingOn);
