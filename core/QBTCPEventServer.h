@@ -34,9 +34,10 @@
 //
 // Threads: serve() runs one loop on the calling thread and the others on threads of its own;
 // it returns after shutdown(), when every loop has ended, and only after every offloaded job
-// has finished and every deferred request has had its reply (its connection is then closed). shutdown() and connectionCount() may be called
-// from any thread at any time. Protocol calls for one connection never overlap; those for
-// different connections may run on different loop threads at once.
+// has finished and every deferred request has had its reply (its connection is then closed).
+// shutdown() and connectionCount() may be called from any thread at any time. Protocol calls for
+// one connection never overlap; those for different connections may run on different loop
+// threads at once.
 
 #include <chrono>
 #include <cstddef>
