@@ -266,7 +266,9 @@ void QBTCPEventServer::Loop::acceptConnections() {
 void QBTCPEventServer::Loop::admit(int descriptor) {
     if (!server.shared->reserveSlot()) {
         // Every place is taken: the connection of this loop that has waited longest for its
-        // peer hands its place over; without one, the newcomer is turned away.
+        // peer hands its place over; without one, the newcomer is turned away. Connections
+        // whose replies went out meanwhile are waiting for their peers too.
+        if (busyConnections > 0) settleReplied();
         Connection* longest = longestWaiting();
         if (!longest) {
             ::close(descriptor);
