@@ -11,6 +11,7 @@
 #include <limits>
 #include <new>
 
+#include "platform/QBFile.h"
 #include "platform/QBText.h"
 
 namespace {
@@ -175,24 +176,7 @@ void replaceFileAtomically(const std::string& path, std::string_view text) {
 }
 
 std::optional<std::string> readRegularFile(const std::string& path) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return std::nullopt;
-    std::optional<std::string> content;
-    struct stat status {};
-    if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) {
-        content.emplace();
-        content->reserve(static_cast<std::size_t>(status.st_size));
-        char chunk[65536];
-        for (;;) {
-            const ssize_t got = ::read(fd, chunk, sizeof chunk);
-            if (got < 0 && errno == EINTR) continue;
-            if (got < 0) content.reset();
-            if (got <= 0) break;
-            content->append(chunk, static_cast<std::size_t>(got));
-        }
-    }
-    ::close(fd);
-    return content;
+    return QBFile::readRegular(path);
 }
 
 }  // namespace
