@@ -619,24 +619,46 @@ void QBLumentideIPC::runAcceptLoop() {
 }
 
 void QBLumentideIPC::serveClient(int client) {
-    // Counted until its reader thread has ended, so that threads and descriptors stay bounded
-    // even while connections are being torn down.
-    if (servedClients.load() >= maximumClients) {
+    // The kernel keeps the credentials of the process that connected; a connection without
+    // them cannot be counted against its user and is refused.
+    ucred peer{};
+    socklen_t length = sizeof peer;
+    if (::getsockopt(client, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0 || length != sizeof peer ||
+        !takeClientSlot(peer.uid)) {
         ::close(client);
         noteRefusedClient();
         return;
     }
-    ++servedClients;
-    if (!startTrackedThread([client](QBLumentideIPC& endpoint) {
-            struct Uncount {
-                std::atomic<int>& count;
-                ~Uncount() { --count; }
-            } uncount{endpoint.servedClients};
+    if (!startTrackedThread([client, user = peer.uid](QBLumentideIPC& endpoint) {
+            // The slot is held until the reader thread ends, so that threads and descriptors
+            // stay bounded even while connections are being torn down.
+            struct Release {
+                QBLumentideIPC& endpoint;
+                uid_t user;
+                ~Release() { endpoint.releaseClientSlot(user); }
+            } release{endpoint, user};
             endpoint.processMessages(client);
         })) {
-        --servedClients;
+        releaseClientSlot(peer.uid);
         ::close(client);
     }
+}
+
+bool QBLumentideIPC::takeClientSlot(uid_t user) {
+    std::lock_guard clients(clientsLock);
+    const auto held = servedClientsByUser.find(user);
+    const int ofUser = held == servedClientsByUser.end() ? 0 : held->second;
+    if (servedClients >= maximumClients || ofUser >= maximumClientsPerUser) return false;
+    ++servedClients;
+    servedClientsByUser[user] = ofUser + 1;
+    return true;
+}
+
+void QBLumentideIPC::releaseClientSlot(uid_t user) {
+    std::lock_guard clients(clientsLock);
+    --servedClients;
+    const auto held = servedClientsByUser.find(user);
+    if (held != servedClientsByUser.end() && --held->second == 0) servedClientsByUser.erase(held);
 }
 
 void QBLumentideIPC::noteRefusedClient() {

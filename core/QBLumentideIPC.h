@@ -140,6 +140,12 @@ public:
     // local user who opens connections by the thousand can make the daemon hold. A connection
     // beyond it is accepted and closed at once.
     static constexpr int maximumClients = 64;
+    // Slots of maximumClients that the connections of one user id may hold at once. Every local
+    // user may connect, so without a share one of them could hold every slot and leave the
+    // console user's GUI application none. A quarter leaves room for a few users' tools; a
+    // connection beyond it is refused like one beyond maximumClients. A slot only admits a
+    // connection: it says nothing about which client the service's requests go to.
+    static constexpr int maximumClientsPerUser = maximumClients / 4;
     // "Too many clients; connection refused" is logged at most once per this interval.
     static constexpr std::chrono::seconds refusalLogInterval{10};
     // Stack of every thread an endpoint starts: the accept loop and the readers, which parse
@@ -289,6 +295,8 @@ private:
     bool createWakePipe();
     void runAcceptLoop();
     void serveClient(int client);
+    bool takeClientSlot(uid_t user);
+    void releaseClientSlot(uid_t user);
     void noteRefusedClient();
     void pauseAfterFailedAccept();
     void tearDownServer();
@@ -340,14 +348,17 @@ private:
     std::int32_t lastMessageId_ = 0;
     std::shared_ptr<Connection> clientConnection;  // client mode: the connection of _socket
 
-    // Server mode: clients whose reader threads run (or are starting); see maximumClients.
-    std::atomic<int> servedClients{0};
     // Accept loop thread only: when the last refusal was logged.
     std::optional<std::chrono::steady_clock::time_point> lastRefusalLogged;
 
-    // Guards activeConnections (server mode: the connected clients, in the order they connected).
+    // Guards activeConnections (server mode: the connected clients, in the order they connected)
+    // and the slot counts: clients whose reader threads run (or are starting), in all and by the
+    // user id of their peer credentials (users without a client have no entry); see
+    // maximumClients and maximumClientsPerUser.
     mutable std::mutex clientsLock;
     std::vector<std::shared_ptr<Connection>> activeConnections;
+    int servedClients = 0;
+    std::map<uid_t, int> servedClientsByUser;
 
     // Client mode: held to shut down _socket while it is open and by the reader when it gives
     // _socket up, so that shutdown() never touches a descriptor that was closed.
