@@ -129,39 +129,6 @@ bool makeAddress(const std::string& path, sockaddr_un& address) {
     return true;
 }
 
-// The position of the quote that closes the string opened at open, or size when none does. A
-// quote is escaped when an odd run of backslashes stands before it.
-std::size_t closingQuote(const std::uint8_t* text, std::size_t size, std::size_t open) {
-    std::size_t from = open + 1;
-    while (from < size) {
-        const auto* quote = static_cast<const std::uint8_t*>(std::memchr(text + from, '"', size - from));
-        if (quote == nullptr) break;
-        const auto at = static_cast<std::size_t>(quote - text);
-        std::size_t backslashes = 0;
-        while (at - backslashes > from && text[at - backslashes - 1] == '\\') ++backslashes;
-        if (backslashes % 2 == 0) return at;
-        from = at + 1;
-    }
-    return size;
-}
-
-// Whether the JSON text opens more than limit arrays or objects inside each other. Only exact
-// for valid JSON, which is all that matters: invalid text is refused by the parser anyway.
-bool nestsDeeperThan(const std::uint8_t* text, std::size_t size, int limit) {
-    int depth = 0;
-    for (std::size_t i = 0; i < size; ++i) {
-        const std::uint8_t c = text[i];
-        if (c == '"') {
-            i = closingQuote(text, size, i);
-        } else if (c == '[' || c == '{') {
-            if (++depth > limit) return true;
-        } else if (c == ']' || c == '}') {
-            --depth;
-        }
-    }
-    return false;
-}
-
 std::string compactJSON(const json& value) {
     // Invalid UTF-8 in a string is replaced rather than thrown about.
     return value.dump(-1, ' ', false, json::error_handler_t::replace);
@@ -206,14 +173,47 @@ std::ptrdiff_t receiveWaiting(int socket, std::uint8_t* bytes, std::size_t lengt
     }
 }
 
-// The envelope in a frame's body; nothing for bad JSON, a top level that is not an object, or
-// too deep a nesting.
-std::optional<json> decodeEnvelope(std::string_view body) {
-    if (nestsDeeperThan(reinterpret_cast<const std::uint8_t*>(body.data()), body.size(),
-                        QBLumentideIPC::maximumNestingDepth)) {
-        return std::nullopt;
+// A parse that builds nothing: it checks that a body is valid JSON within the nesting and value
+// limits before a tree is built from it, so that what a tree costs is bounded by the frame's
+// size and maximumValuesPerFrame. Stops at the first value over a limit.
+class BodyCheck {
+public:
+    bool null() { return counted(); }
+    bool boolean(bool) { return counted(); }
+    bool number_integer(json::number_integer_t) { return counted(); }
+    bool number_unsigned(json::number_unsigned_t) { return counted(); }
+    bool number_float(json::number_float_t, const json::string_t&) { return counted(); }
+    bool string(json::string_t&) { return counted(); }
+    bool binary(json::binary_t&) { return counted(); }
+    bool key(json::string_t&) { return counted(); }
+    bool start_object(std::size_t) { return opened(); }
+    bool start_array(std::size_t) { return opened(); }
+    bool end_object() { return closed(); }
+    bool end_array() { return closed(); }
+    bool parse_error(std::size_t, const std::string&, const json::exception&) { return false; }
+
+private:
+    bool counted() { return ++values <= QBLumentideIPC::maximumValuesPerFrame; }
+    bool opened() { return ++depth <= QBLumentideIPC::maximumNestingDepth && counted(); }
+    bool closed() {
+        --depth;
+        return true;
     }
-    json envelope = json::parse(body.data(), body.data() + body.size(), nullptr, false);
+
+    std::size_t values = 0;
+    int depth = 0;
+};
+
+// The envelope in a frame's body; nothing for bad JSON, a top level that is not an object, too
+// deep a nesting or too many values.
+std::optional<json> decodeEnvelope(std::string_view body) {
+    try {
+        BodyCheck check;
+        if (!json::sax_parse(body.begin(), body.end(), &check)) return std::nullopt;
+    } catch (const std::exception&) {
+        return std::nullopt;  // the library reports errors to the handler; this is only a guard
+    }
+    json envelope = json::parse(body.begin(), body.end(), nullptr, false);
     if (envelope.is_discarded() || !envelope.is_object()) return std::nullopt;
     return envelope;
 }
@@ -1199,7 +1199,7 @@ void QBLumentideIPC::runReader(Connection& connection) {
             json envelope = std::move(connection.commands.front());
             connection.commands.pop_front();
             guard.unlock();
-            handleCommand(envelope, connection.socket);
+            handleCommand(std::move(envelope), connection.socket);
             guard.lock();
             handOff(connection);  // a leader may have paused for the full queue
             continue;
@@ -1308,9 +1308,10 @@ void QBLumentideIPC::handleEnvelope(json& envelope, Connection& connection) {
     connection.readerWake.notify_one();
 }
 
-void QBLumentideIPC::handleCommand(const json& envelope, int socket) {
+void QBLumentideIPC::handleCommand(json envelope, int socket) {
     const std::string& command = envelope["command"].get_ref<const std::string&>();
-    const std::string& messageId = envelope["messageid"].get_ref<const std::string&>();
+    // Copied: a refused envelope is moved into its answer.
+    const std::string messageId = envelope["messageid"].get_ref<const std::string&>();
     const json& content = envelope["content"];
     const auto handler = delegate();
     std::optional<json> answer;
@@ -1322,7 +1323,11 @@ void QBLumentideIPC::handleCommand(const json& envelope, int socket) {
         accepted = false;  // a delegate that throws refuses the command; the reader goes on
     }
     if (!accepted) {
-        transmit(replyCommand, json{{"status", "INVALID"}, {"message", envelope}}, &messageId, false, socket);
+        // The echo takes the envelope itself: a large one is not held twice.
+        json refusal = json::object();
+        refusal["status"] = "INVALID";
+        refusal["message"] = std::move(envelope);
+        transmit(replyCommand, refusal, &messageId, false, socket);
         QBLog::log("Invalid command");
         return;
     }

@@ -119,6 +119,14 @@ public:
     // deeper body (which an answer would echo) is treated as unreadable instead of exhausting a
     // reader thread's stack.
     static constexpr int maximumNestingDepth = 128;
+    // Values in one frame's body, object keys included. Parsed, a value costs up to about 85
+    // bytes beyond its text (an empty object "{}": its node, its own empty map and the
+    // allocator's overhead), so without a budget the megabyte "[{},{},...]" becomes a tree of
+    // some 30 MB, held twice over while it is echoed back as refused. The messages of this
+    // channel have a few dozen values (a long string counts as one), so 8192 refuses none of
+    // them and caps a tree at about 700 KB besides the characters of its strings. A body with
+    // more values is unreadable, like one nested too deep: its connection ends.
+    static constexpr std::size_t maximumValuesPerFrame = 8192;
     // Linux keeps a filesystem socket path NUL-terminated inside sun_path.
     static constexpr std::size_t maximumSocketPathLength = sizeof(sockaddr_un::sun_path) - 1;
     // Frames leave and arrive in pieces of at most this many bytes per send or receive call.
@@ -329,7 +337,7 @@ private:
     void runReader(Connection& connection);
     bool receiveFrames(Connection& connection, bool waitForInput);
     void handleEnvelope(nlohmann::json& envelope, Connection& connection);
-    void handleCommand(const nlohmann::json& envelope, int socket);
+    void handleCommand(nlohmann::json envelope, int socket);
     void matchReply(nlohmann::json& envelope, Connection& readingOn);
     void endConnection(Connection& connection);
 
