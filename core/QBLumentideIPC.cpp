@@ -207,11 +207,17 @@ private:
 // The envelope in a frame's body; nothing for bad JSON, a top level that is not an object, too
 // deep a nesting or too many values.
 std::optional<json> decodeEnvelope(std::string_view body) {
-    try {
-        BodyCheck check;
-        if (!json::sax_parse(body.begin(), body.end(), &check)) return std::nullopt;
-    } catch (const std::exception&) {
-        return std::nullopt;  // the library reports errors to the handler; this is only a guard
+    // Every value starts at a byte of its own, and valid JSON spends two bytes per level of
+    // nesting, so a body this short is within both limits: most messages skip the check.
+    constexpr std::size_t shortBody = std::min(QBLumentideIPC::maximumValuesPerFrame,
+                                               2 * static_cast<std::size_t>(QBLumentideIPC::maximumNestingDepth));
+    if (body.size() > shortBody) {
+        try {
+            BodyCheck check;
+            if (!json::sax_parse(body.begin(), body.end(), &check)) return std::nullopt;
+        } catch (const std::exception&) {
+            return std::nullopt;  // the library reports errors to the handler; this is only a guard
+        }
     }
     json envelope = json::parse(body.begin(), body.end(), nullptr, false);
     if (envelope.is_discarded() || !envelope.is_object()) return std::nullopt;
