@@ -124,7 +124,7 @@ TEST_F(QBKelvoBridgeTest, RelaysEachCommandWithItsContentAndTakesTheTypedAnswer)
         {[](auto& b) { return b.clientVersion(); }, {{"command", "clientVersion"}},
          {{"version", "2.0,7"}, {"result", "no"}}, "2.0,7"},
         {[](auto& b) { return b.clientVersion(); }, {{"command", "clientVersion"}},
-         {{"version", 2}}, QBKelvoBridge::unknownVersion},
+         {{"version", 2}}, "0.0.0,0"},
     };
     for (std::size_t i = 0; i < rows.size(); ++i) {
         {
@@ -176,7 +176,7 @@ TEST_F(QBKelvoBridgeTest, ClientOSAndClientVersionWithoutAGUINeverLaunchOrWait) 
     EXPECT_FALSE(bridge->answersAtOnce("clientVersion") || bridge->answersAtOnce("state"));
     EXPECT_EQ(bridge->clientOS(), "Mac OS " + QBPlatform::operatingSystemVersion());
 
-    EXPECT_EQ(bridge->clientVersion(), QBKelvoBridge::unknownVersion);
+    EXPECT_EQ(bridge->clientVersion(), "0.0.0,0");
     std::ofstream(application->settings().applicationPath)
         << "[Desktop Entry]\nName=Tunnelwright\nX-Kelvo-ShortVersion=4.2.1\n"
            "X-Kelvo-BuildVersion=1234\n";
