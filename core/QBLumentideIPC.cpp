@@ -353,6 +353,8 @@ struct QBLumentideIPC::Connection {
     bool ended = false;                  // the connection is over; nobody takes the token again
     std::vector<WaitingEntry*> waiters;  // senders of requests on this connection, until they return
     std::deque<nlohmann::json> commands; // commands read, not yet handed to the delegate, oldest first
+    std::deque<std::size_t> commandSizes; // the frame body size of each queued command
+    std::size_t queuedBodyBytes = 0;      // their sum
     std::thread::id readerThread;        // the thread that runs the reader loop
 
     // Guarded by the token.
@@ -1094,8 +1096,10 @@ bool QBLumentideIPC::mayLead(const Connection& connection) const {
     // Not while the reader thread watches the socket: it will read what comes (and then step
     // aside). A full command queue pauses reading until the reader thread catches up, as a busy
     // reader thread did; its own requests (a delegate that asks something) may always read on.
+    const bool queueHasRoom = connection.commands.size() < maximumQueuedCommands &&
+                              connection.queuedBodyBytes < maximumQueuedBodyBytes;
     return !connection.tokenHeld && !connection.readerWatching &&
-           (connection.commands.size() < maximumQueuedCommands || connection.readerThread == std::this_thread::get_id());
+           (queueHasRoom || connection.readerThread == std::this_thread::get_id());
 }
 
 void QBLumentideIPC::lead(WaitingEntry& entry, std::unique_lock<std::mutex>& guard) {
@@ -1204,6 +1208,8 @@ void QBLumentideIPC::runReader(Connection& connection) {
         if (!connection.commands.empty()) {
             json envelope = std::move(connection.commands.front());
             connection.commands.pop_front();
+            connection.queuedBodyBytes -= connection.commandSizes.front();
+            connection.commandSizes.pop_front();
             guard.unlock();
             handleCommand(std::move(envelope), connection.socket);
             guard.lock();
@@ -1267,7 +1273,7 @@ bool QBLumentideIPC::receiveFrames(Connection& connection, bool waitForInput) {
         if (step == InboundFrames::Step::broken) return false;
         std::optional<json> envelope = decodeEnvelope(body);
         if (!envelope) return false;
-        handleEnvelope(*envelope, connection);
+        handleEnvelope(*envelope, body.size(), connection);
     }
 }
 
@@ -1303,7 +1309,7 @@ void QBLumentideIPC::endConnection(Connection& connection) {
     abandonHandlers([&](const WaitingEntry& entry) { return entry.connection.get() == &connection; });
 }
 
-void QBLumentideIPC::handleEnvelope(json& envelope, Connection& connection) {
+void QBLumentideIPC::handleEnvelope(json& envelope, std::size_t bodySize, Connection& connection) {
     if (!isValidEnvelope(envelope)) return;
     if (envelope["command"].get_ref<const std::string&>() == replyCommand) {
         matchReply(envelope, connection);
@@ -1311,6 +1317,8 @@ void QBLumentideIPC::handleEnvelope(json& envelope, Connection& connection) {
     }
     std::lock_guard guard(connection.lock);
     connection.commands.push_back(std::move(envelope));
+    connection.commandSizes.push_back(bodySize);
+    connection.queuedBodyBytes += bodySize;
     connection.readerWake.notify_one();
 }
 

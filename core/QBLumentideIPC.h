@@ -292,6 +292,10 @@ private:
     // the reader thread catches up, which bounds what a peer that floods commands can make an
     // endpoint hold.
     static constexpr std::size_t maximumQueuedCommands = 64;
+    // The same bound on the queued commands' frame bodies together: a parsed frame may cost
+    // about twice its body (within the value budget), so a connection's queue holds a few MiB at
+    // most, however large its commands.
+    static constexpr std::size_t maximumQueuedBodyBytes = maximumFrameBodyLength;
     // How long the reader thread of a connection may stay off it after the last waiting
     // sender has left. Under a stream of requests it so stays away instead of being woken and
     // pushed aside again each round trip; a command that the peer sends while nobody reads
@@ -336,7 +340,7 @@ private:
     void notifyDelegate(void (QBLumentideIPCDelegate::*notification)(QBLumentideIPC&));
     void runReader(Connection& connection);
     bool receiveFrames(Connection& connection, bool waitForInput);
-    void handleEnvelope(nlohmann::json& envelope, Connection& connection);
+    void handleEnvelope(nlohmann::json& envelope, std::size_t bodySize, Connection& connection);
     void handleCommand(nlohmann::json envelope, int socket);
     void matchReply(nlohmann::json& envelope, Connection& readingOn);
     void endConnection(Connection& connection);
