@@ -1,21 +1,10 @@
 #include "QBKelvoGUIApplication.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 
 #include "QBLumentideIPC.h"
 #include "platform/QBDesktopEntry.h"
 #include "platform/QBUserProcess.h"
-
-namespace {
-
-bool isRegularFile(const std::string& path) {
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
-}
-
-}  // namespace
 
 QBKelvoGUIApplication::QBKelvoGUIApplication(std::shared_ptr<QBLumentideIPC> channel,
                                              Settings settings)
@@ -51,11 +40,11 @@ void QBKelvoGUIApplication::launchGUIApplication() {
     if (!path) return;
     auto arguments = settings_.launcher;
     arguments.push_back(*path);
-    QBUserProcess::launchDetached(*user, arguments, user->sessionEnvironment());
+    QBUserProcess::open(*user, arguments, settings_.applicationIdentifier, settings_.serviceManager);
 }
 
 std::optional<std::string> QBKelvoGUIApplication::getGUIApplicationPath() const {
-    if (isRegularFile(settings_.applicationPath)) return settings_.applicationPath;
+    if (QBDesktopEntry::isInstalled(settings_.applicationPath)) return settings_.applicationPath;
     return QBDesktopEntry::findById(settings_.applicationIdentifier, settings_.dataDirectories);
 }
 

@@ -4,10 +4,11 @@
 // at the console, and starting it for that user when it is not connected.
 //
 // The application is found by its desktop entry: first at a fixed install location, then by its
-// desktop-entry id in the data directories. It is started by running a launcher program (by
-// default GLib's "gio launch", which starts a desktop entry the way a desktop does) as the
-// console user, in that user's session environment. A console user with user or group id 0 is
-// never used.
+// desktop-entry id in the data directories; only an entry that nobody but root can change counts
+// (QBDesktopEntry). It is started by a launcher program (by default GLib's "gio launch", which
+// starts a desktop entry the way a desktop does), handed to the console user's own session
+// (QBUserProcess): through the user's service manager, or directly when the user has none. A
+// console user with user or group id 0 is never used.
 //
 // Waiting: a bridge command that finds no GUI client connected starts the application and waits
 // at most availabilityChecks * checkInterval (10 s) for a client, woken as soon as one connects,
@@ -31,6 +32,7 @@
 #include <vector>
 
 #include "platform/QBConsoleUser.h"
+#include "platform/QBUserProcess.h"
 
 class QBLumentideIPC;
 
@@ -50,6 +52,8 @@ public:
         std::vector<std::string> dataDirectories = {"/usr/local/share", "/usr/share"};
         // Program and leading arguments that start the application; its path is added last.
         std::vector<std::string> launcher = {"/usr/bin/gio", "launch"};
+        // How the launcher is handed to the console user's own service manager.
+        QBUserProcess::ServiceManager serviceManager;
         // Who is logged in at the console.
         std::function<std::optional<QBConsoleUser>()> consoleUser = [] {
             return QBConsoleUser::fromLogind();

@@ -109,9 +109,10 @@ std::int32_t VorbelVPNService::runTask(const std::string& program,
                                        const std::optional<std::vector<std::string>>& arguments,
                                        std::optional<std::vector<std::string>>* output,
                                        const std::optional<std::string>& workingDirectory) {
+    QBChildProcess::Options options;
+    options.workingDirectory = workingDirectory;
     const auto result =
-        QBChildProcess::run(program, arguments.value_or(std::vector<std::string>{}),
-                            workingDirectory);
+        QBChildProcess::run(program, arguments.value_or(std::vector<std::string>{}), options);
     if (output != nullptr) *output = linesOf(result.output);
     return result.status;
 }

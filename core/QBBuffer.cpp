@@ -17,7 +17,7 @@ bool refuseWrite() {
 }  // namespace
 
 QBBuffer::QBBuffer(std::unique_ptr<std::uint8_t[]> store, std::int64_t size)
-    : rawStore(std::move(store)), size_(size) {}
+    : rawStore(std::move(store)), _size(size) {}
 
 std::unique_ptr<QBBuffer> QBBuffer::init() { return initWithSize(defaultSize); }
 
@@ -39,12 +39,12 @@ std::unique_ptr<QBBuffer> QBBuffer::initWithSize(std::int64_t size) {
 std::int64_t QBBuffer::storeIndex(std::int64_t offset) const {
     // startIndex < size and offset <= size, so one subtraction wraps it.
     const std::int64_t index = startIndex + offset;
-    return index >= size_ ? index - size_ : index;
+    return index >= _size ? index - _size : index;
 }
 
 std::array<QBBuffer::Piece, 2> QBBuffer::pieces(std::int64_t offset, std::int64_t count) const {
     const std::int64_t from = storeIndex(offset);
-    const std::int64_t first = std::min(count, size_ - from);
+    const std::int64_t first = std::min(count, _size - from);
     return {Piece(rawStore.get() + from, static_cast<std::size_t>(first)),
             Piece(rawStore.get(), static_cast<std::size_t>(count - first))};
 }
@@ -52,7 +52,7 @@ std::array<QBBuffer::Piece, 2> QBBuffer::pieces(std::int64_t offset, std::int64_
 void QBBuffer::copyIn(std::int64_t offset, Piece bytes) {
     if (bytes.empty()) return;
     const std::int64_t to = storeIndex(offset);
-    const std::size_t first = std::min(bytes.size(), static_cast<std::size_t>(size_ - to));
+    const std::size_t first = std::min(bytes.size(), static_cast<std::size_t>(_size - to));
     std::memcpy(rawStore.get() + to, bytes.data(), first);
     if (first < bytes.size()) std::memcpy(rawStore.get(), bytes.data() + first, bytes.size() - first);
 }
@@ -68,15 +68,15 @@ void QBBuffer::copyOut(std::int64_t offset, std::int64_t count, std::uint8_t* in
 // --- writes -----------------------------------------------------------------------------------
 
 bool QBBuffer::writeRawData(const void* data, std::int64_t size) {
-    return writeRawData(data, size, length_);
+    return writeRawData(data, size, _length);
 }
 
 bool QBBuffer::writeRawData(const void* data, std::int64_t size, std::int64_t position) {
-    if (position < 0 || position > length_) position = length_;
-    // size_ - position >= 0 here; comparing this way cannot overflow.
-    if (data == nullptr || size < 1 || size > size_ - position) return refuseWrite();
+    if (position < 0 || position > _length) position = _length;
+    // _size - position >= 0 here; comparing this way cannot overflow.
+    if (data == nullptr || size < 1 || size > _size - position) return refuseWrite();
     copyIn(position, Piece(static_cast<const std::uint8_t*>(data), static_cast<std::size_t>(size)));
-    length_ = std::max(length_, position + size);
+    _length = std::max(_length, position + size);
     return true;
 }
 
@@ -102,19 +102,19 @@ bool QBBuffer::writeData(const std::vector<std::uint8_t>& data) {
 bool QBBuffer::writeBuffer(const QBBuffer& other) {
     // Copies store to store without an intermediate block. This is safe even when other is this
     // buffer: the bytes land in free space, which never overlaps the unread bytes being copied.
-    const std::int64_t count = other.length_;
-    if (count < 1 || count > size_ - length_) return refuseWrite();
+    const std::int64_t count = other._length;
+    if (count < 1 || count > _size - _length) return refuseWrite();
     const auto [first, second] = other.pieces(0, count);
-    copyIn(length_, first);
-    copyIn(length_ + static_cast<std::int64_t>(first.size()), second);
-    length_ += count;
+    copyIn(_length, first);
+    copyIn(_length + static_cast<std::int64_t>(first.size()), second);
+    _length += count;
     return true;
 }
 
 // --- block reads ------------------------------------------------------------------------------
 
 std::optional<std::vector<std::uint8_t>> QBBuffer::peekRawData(std::int64_t count) const {
-    if (count < 1 || count > length_) return std::nullopt;
+    if (count < 1 || count > _length) return std::nullopt;
     std::vector<std::uint8_t> bytes;
     bytes.reserve(static_cast<std::size_t>(count));
     for (const Piece piece : pieces(0, count)) bytes.insert(bytes.end(), piece.begin(), piece.end());
@@ -127,7 +127,7 @@ std::optional<std::vector<std::uint8_t>> QBBuffer::readRawData(std::int64_t coun
     return bytes;
 }
 
-std::optional<std::vector<std::uint8_t>> QBBuffer::rawData() const { return peekRawData(length_); }
+std::optional<std::vector<std::uint8_t>> QBBuffer::rawData() const { return peekRawData(_length); }
 
 std::optional<std::vector<std::uint8_t>> QBBuffer::readDataWithLength(std::int64_t count) {
     return readRawData(count);
@@ -138,9 +138,9 @@ std::optional<std::vector<std::uint8_t>> QBBuffer::peekDataWithLength(std::int64
 }
 
 void QBBuffer::removeData(std::int64_t count) {
-    if (count < 1 || count > length_) return;
+    if (count < 1 || count > _length) return;
     startIndex = storeIndex(count);
-    length_ -= count;
+    _length -= count;
 }
 
 // --- typed reads ------------------------------------------------------------------------------
@@ -148,7 +148,7 @@ void QBBuffer::removeData(std::int64_t count) {
 template <typename Number>
 Number QBBuffer::readNumber() {
     constexpr auto width = static_cast<std::int64_t>(sizeof(Number));
-    if (length_ < width) return Number{};
+    if (_length < width) return Number{};
     Number value{};
     copyOut(0, width, reinterpret_cast<std::uint8_t*>(&value));
     removeData(width);
@@ -166,7 +166,7 @@ double QBBuffer::readDouble() { return readNumber<double>(); }
 // --- text and buffer reads --------------------------------------------------------------------
 
 std::optional<std::string> QBBuffer::readStringWithLength(std::int64_t count) {
-    if (count < 1 || count > length_) return std::nullopt;
+    if (count < 1 || count > _length) return std::nullopt;
     std::string text;
     text.reserve(static_cast<std::size_t>(count));
     for (const Piece piece : pieces(0, count)) {
@@ -179,22 +179,22 @@ std::optional<std::string> QBBuffer::readStringWithLength(std::int64_t count) {
     return text;
 }
 
-std::optional<std::string> QBBuffer::readString() { return readStringWithLength(length_); }
+std::optional<std::string> QBBuffer::readString() { return readStringWithLength(_length); }
 
 std::unique_ptr<QBBuffer> QBBuffer::readBufferWithLength(std::int64_t count) {
-    if (count < 1 || count > length_) return nullptr;
+    if (count < 1 || count > _length) return nullptr;
     auto buffer = initWithSize(count);
     if (!buffer) return nullptr;  // allocation failure logged; nothing consumed
     copyOut(0, count, buffer->rawStore.get());
-    buffer->length_ = count;
+    buffer->_length = count;
     removeData(count);
     return buffer;
 }
 
 std::int64_t QBBuffer::readDataLengthTerminatedBy(char terminator) const {
-    if (length_ < 1) return -1;
+    if (_length < 1) return -1;
     std::int64_t offset = 0;
-    for (const Piece piece : pieces(0, length_)) {
+    for (const Piece piece : pieces(0, _length)) {
         if (piece.empty()) continue;
         const void* hit = std::memchr(piece.data(), terminator, piece.size());
         if (hit != nullptr) return offset + (static_cast<const std::uint8_t*>(hit) - piece.data());
@@ -210,15 +210,15 @@ std::optional<std::string> QBBuffer::readStringTerminatedBy(char terminator) {
 }
 
 bool QBBuffer::terminatedWithBytes(const void* bytes, std::int32_t length) const {
-    if (bytes == nullptr || length > length_) return false;
+    if (bytes == nullptr || length > _length) return false;
     if (length <= 0) return true;
     // Called after every received byte with a short terminator that usually differs at its first
     // byte: a plain loop beats two library compares here.
     const auto* expected = static_cast<const std::uint8_t*>(bytes);
-    std::int64_t index = storeIndex(length_ - length);
+    std::int64_t index = storeIndex(_length - length);
     for (std::int32_t i = 0; i < length; ++i) {
         if (rawStore[index] != expected[i]) return false;
-        if (++index == size_) index = 0;
+        if (++index == _size) index = 0;
     }
     return true;
 }

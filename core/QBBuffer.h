@@ -69,8 +69,8 @@ public:
     // Discards count bytes; nothing happens when count < 1 or count > length.
     void removeData(std::int64_t count);
 
-    std::int64_t length() const { return length_; }
-    std::int64_t size() const { return size_; }
+    std::int64_t length() const { return _length; }
+    std::int64_t size() const { return _size; }
 
     // Typed reads: 0 (0.0) and nothing consumed when fewer bytes than the width are unread.
     char readByte();
@@ -116,7 +116,7 @@ private:
     Number readNumber();
 
     std::unique_ptr<std::uint8_t[]> rawStore;
-    std::int64_t size_ = 0;
+    std::int64_t _size = 0;
     std::int64_t startIndex = 0;
-    std::int64_t length_ = 0;
+    std::int64_t _length = 0;
 };

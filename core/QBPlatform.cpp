@@ -7,13 +7,13 @@
 #include <array>
 #include <cstdint>
 #include <cstdio>
-#include <fstream>
 #include <limits>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <vector>
 
+#include "platform/QBFile.h"
 #include "platform/QBText.h"
 
 namespace {
@@ -37,15 +37,7 @@ bool fileExists(const std::string& path) {
 }
 
 std::optional<std::string> readSmallFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return std::nullopt;
-    std::string content;
-    std::array<char, 4096> chunk{};
-    while (in.read(chunk.data(), chunk.size()) || in.gcount() > 0) {
-        content.append(chunk.data(), static_cast<std::size_t>(in.gcount()));
-        if (content.size() > maxVersionFileSize) return std::nullopt;
-    }
-    return content;
+    return QBFile::readRegular(path, maxVersionFileSize);
 }
 
 std::vector<std::string_view> splitAtDots(std::string_view text) {

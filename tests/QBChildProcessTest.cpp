@@ -7,9 +7,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <sys/resource.h>
+
 #include <csignal>
+#include <fstream>
 
 #include "VorbelVPNService.h"
+#include "support/Eventually.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -20,6 +24,11 @@ struct Run {
     std::int32_t status;
     std::optional<Lines> lines;
 };
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
 
 Run shell(const std::string& script, const std::optional<std::string>& directory = std::nullopt) {
     VorbelVPNService service;
@@ -61,19 +70,26 @@ TEST(QBChildProcessTest, ChildInheritsNoDescriptorsBlockedOrIgnoredSignals) {
     const auto previousTerm = std::signal(SIGTERM, SIG_IGN);
     const int listening = ::socket(AF_UNIX, SOCK_STREAM, 0);
     ASSERT_GE(listening, 3);
+    // The daemon raises its descriptor soft limit; children keep the one it started with.
+    rlimit startingLimit{};
+    ::getrlimit(RLIMIT_NOFILE, &startingLimit);
+    rlimit raised = startingLimit;
+    raised.rlim_cur = raised.rlim_max;
 
     // Read by the shell's children, not while the shell itself waits for one (it may block
     // signals or hold a pipe meanwhile); a descriptor is open when the shell can duplicate it.
+    ::setrlimit(RLIMIT_NOFILE, &raised);
     const auto run = shell("grep -E '^Sig(Blk|Ign)' /proc/self/status; readlink /proc/self/fd/0; "
                            "for fd in 0 1 2 3 4 5 6 7 8 9; do { true >&$fd; } 2>/dev/null && "
-                           "printf '%s ' $fd; done; printf '\\n'");
+                           "printf '%s ' $fd; done; printf '\\n'; ulimit -n");
+    ::setrlimit(RLIMIT_NOFILE, &startingLimit);
     ::close(listening);
     std::signal(SIGPIPE, previousPipe);
     std::signal(SIGTERM, previousTerm);
     pthread_sigmask(SIG_SETMASK, &previousMask, nullptr);
 
     ASSERT_EQ(run.status, 0);
-    ASSERT_TRUE(run.lines && run.lines->size() == 5) << ::testing::PrintToString(run.lines);
+    ASSERT_TRUE(run.lines && run.lines->size() == 6) << ::testing::PrintToString(run.lines);
     const auto& lines = *run.lines;
     EXPECT_EQ(lines[0], "SigBlk:\t0000000000000000");
     // (glibc's own real-time signals may be inherited as ignored from whoever started the test.)
@@ -83,6 +99,32 @@ TEST(QBChildProcessTest, ChildInheritsNoDescriptorsBlockedOrIgnoredSignals) {
     }
     EXPECT_EQ(lines[2], "/dev/null");
     EXPECT_EQ(lines[3], "0 1 2 ");
+    EXPECT_EQ(lines[4], std::to_string(startingLimit.rlim_cur));
+}
+
+// A tool that closes its output and runs on, or leaves a process of its group holding it, is
+// killed with its whole group at the time limit, and reaped.
+TEST(QBChildProcessTest, TheTimeLimitCoversTheWholeRunAndTheWholeProcessGroup) {
+    TempDir directory;
+    QBChildProcess::Options options;
+    options.timeLimit = std::chrono::milliseconds(300 * sanitizerSlowdown);
+    const auto pidFile = directory.file("helper.pid");
+    for (const auto* script : {"sleep 60 & echo $! > PIDS; exec >&- 2>&-; sleep 60",
+                               "sleep 60 & echo $! > PIDS; exit 0"}) {
+        std::string command = script;
+        command.replace(command.find("PIDS"), 4, pidFile);
+        const auto result = QBChildProcess::run("/bin/sh", {"-c", command}, options);
+        if (command.find("exec") != std::string::npos) {
+            EXPECT_EQ(result.status, SIGKILL) << "the tool itself runs on after closing its output";
+        }
+        // The group's other process is gone too (a zombie at most, until init reaps it).
+        const auto helper = readFile(pidFile);
+        ASSERT_FALSE(helper.empty());
+        EXPECT_TRUE(eventually([&] {
+            const auto stat = readFile("/proc/" + helper.substr(0, helper.find('\n')) + "/stat");
+            return stat.empty() || stat.find(") Z ") != std::string::npos;
+        })) << script;
+    }
 }
 
 }  // namespace

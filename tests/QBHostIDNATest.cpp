@@ -2,7 +2,6 @@
 #include <unicode/unistr.h>
 
 #include <fstream>
-#include <random>
 #include <sstream>
 #include <string>
 
@@ -82,28 +81,7 @@ TEST(QBHostIDNATest, PrefixedLabelsAreDecodedBadOnesLeftOut) {
         EXPECT_EQ(QBHost::IDNADecodeName(name), decoded) << name;
 }
 
-// Random labels (the first one long), then the same encodings with one character damaged.
-TEST(QBHostPunycodeTest, EncodingsDecodeBackAndAnyOtherInputGivesTextOrNothing) {
-    std::mt19937 random(7);
-    // ASCII, Latin, CJK, private use and beyond the BMP; no surrogates. The long label stays in
-    // the BMP, where its deltas cannot reach 32 bits.
-    const std::pair<std::uint32_t, std::uint32_t> ranges[] = {
-        {0x21, 0x7E}, {0xA0, 0x24F}, {0x4E00, 0x9FFF}, {0xE000, 0xFFFD}, {0x10000, 0x10FFFF}};
-    // Round 1 is 20000 code points of only three values, so that many equal code points are
-    // placed among each other.
-    for (int round = 0; round < 2000; ++round) {
-        std::u32string codePoints(round == 0 ? 2000 : round == 1 ? 20000 : random() % 30 + 1, U'\0');
-        for (auto& c : codePoints) {
-            const auto& [low, high] = ranges[random() % (round == 0 ? 4 : 5)];
-            c = round == 1 ? U"a\u00fc\u4e00"[random() % 3]
-                           : std::uniform_int_distribution<std::uint32_t>(low, high)(random);
-        }
-        auto encoded = QBHost::punycodeEncodedString(utf8(codePoints));
-        ASSERT_TRUE(encoded.has_value()) << round;
-        EXPECT_EQ(QBHost::punycodeDecodedString(*encoded), utf8(codePoints)) << *encoded;
-        (*encoded)[random() % encoded->size()] = "a9Z-!\xff"[random() % 6];
-        const auto damaged = QBHost::punycodeDecodedString(*encoded);
-        EXPECT_TRUE(!damaged || QBText::isValidUTF8(*damaged)) << *encoded;
-    }
+// Long inputs of one digit: the decoder's work stays bounded.
+TEST(QBHostPunycodeTest, LongRunsOfOneDigitDecodeInBoundedWork) {
     for (char digit : {'a', '9'}) QBHost::IDNADecodedString("xn--" + std::string(100000, digit));
 }

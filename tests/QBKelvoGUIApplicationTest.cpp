@@ -7,7 +7,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cstring>
 #include <filesystem>
+#include <functional>
+#include <regex>
 #include <fstream>
 #include <future>
 #include <sstream>
@@ -115,41 +121,161 @@ TEST_F(QBKelvoGUIApplicationTest, AWaitEndsWithFalseAtItsBoundOrWhenTheChannelSh
     EXPECT_EQ(launchAttempts, 2) << "no launch once the channel has shut down";
 }
 
-// The launcher runs as the console user, in that user's session environment, with the
-// application's path as its last argument; root and the logged-out name are never used.
-TEST_F(QBKelvoGUIApplicationTest, LaunchesAsTheConsoleUserAndNeverAsRoot) {
-    if (::geteuid() != 0) GTEST_SKIP() << "SKIP: taking another user's ids needs root";
-    auto nobody = QBConsoleUser::fromPasswordDatabase("nobody");
-    ASSERT_TRUE(nobody) << "no user 'nobody' in the password database";
-    nobody->display = ":5";
-    ::chmod(directory.path().c_str(), 0777);  // the launched program writes here as nobody
-    const std::string report = directory.file("launched");
+// What a launched program finds, one line each: its user, group and groups; the descriptors it
+// holds (0 to 63); where its output goes; its working directory; its session variables; and the
+// arguments it was given. Written whole, by rename, so that a reader never sees half of it.
+std::vector<std::string> probe(const std::string& report) {
+    return {"/bin/bash", "-c",
+            "for fd in $(seq 0 63); do [ -e /proc/$$/fd/$fd ] && fds=\"$fds$fd \"; done; "
+            "output=$(readlink /proc/$$/fd/1); "
+            "{ id -u; id -g; id -G; echo \"$fds\"; echo \"$output\"; pwd; "
+            "echo \"$DISPLAY $XDG_RUNTIME_DIR\"; echo \"$*\"; } > " +
+                report + ".part && mv " + report + ".part " + report,
+            "sh"};
+}
 
+class QBKelvoGUIApplicationLaunchTest : public QBKelvoGUIApplicationTest {
+protected:
+    void SetUp() override {
+        if (::geteuid() != 0) GTEST_SKIP() << "SKIP: taking another user's ids needs root";
+        QBKelvoGUIApplicationTest::SetUp();
+        auto found = QBConsoleUser::fromPasswordDatabase("nobody");
+        ASSERT_TRUE(found) << "no user 'nobody' in the password database";
+        nobody = *found;
+        nobody.display = ":5";
+        // The launched programs write their reports as nobody; the entry stays root's alone.
+        ::chmod(directory.path().c_str(), 0711);
+        std::filesystem::create_directory(directory.file("reports"));
+        ::chmod(directory.file("reports").c_str(), 0777);
+        settings.applicationPath = directory.file("app.desktop");
+        writeFile(settings.applicationPath, "[Desktop Entry]\n");
+        settings.launcher = probe(report("launched"));
+        settings.serviceManager.runtimeDirectoryRoot = directory.file("run");
+        settings.consoleUser = [this] { return std::optional(user); };
+        user = nobody;
+    }
+
+    std::string report(const std::string& name) const { return directory.file("reports/" + name); }
+
+    // The lines a probe reported, once it has.
+    std::vector<std::string> reportLines(const std::string& name) {
+        EXPECT_TRUE(eventually([&] { return std::filesystem::exists(report(name)); }));
+        std::istringstream text(readFile(report(name)));
+        std::vector<std::string> lines;
+        for (std::string line; std::getline(text, line);) lines.push_back(line);
+        return lines;
+    }
+
+    std::string expectedGroups() const {
+        std::string groups;
+        for (const auto group : nobody.supplementaryGroups()) {
+            groups += (groups.empty() ? "" : " ") + std::to_string(group);
+        }
+        return groups;
+    }
+
+    QBConsoleUser nobody;
+    QBConsoleUser user;
     QBKelvoGUIApplication::Settings settings;
-    settings.applicationPath = directory.file("app.desktop");
-    writeFile(settings.applicationPath, "[Desktop Entry]\n");
-    settings.launcher = {"/bin/sh", "-c",
-                         "echo \"$(id -u) $(id -g) $USER $HOME $DISPLAY $XDG_RUNTIME_DIR $1\" >> " +
-                             report,
-                         "sh"};
-    auto user = *nobody;
-    settings.consoleUser = [&user] { return std::optional(user); };
-    QBKelvoGUIApplication application(server, settings);
+};
 
-    for (const auto& [uid, gid, name] : {std::tuple{0u, nobody->groupId, nobody->name},
-                                         std::tuple{nobody->userId, 0u, nobody->name},
-                                         std::tuple{nobody->userId, nobody->groupId,
+// Without a service manager the launcher itself runs, detached, as the console user, with the
+// session's environment and nothing of ours; root and the logged-out name are never used.
+TEST_F(QBKelvoGUIApplicationLaunchTest, WithoutAServiceManagerTheLauncherRunsCleanAsTheUser) {
+    QBKelvoGUIApplication application(server, settings);
+    for (const auto& [uid, gid, name] : {std::tuple{0u, nobody.groupId, nobody.name},
+                                         std::tuple{nobody.userId, 0u, nobody.name},
+                                         std::tuple{nobody.userId, nobody.groupId,
                                                     std::string(QBKelvoGUIApplication::loggedOutUserName)}}) {
         user.userId = uid, user.groupId = gid, user.name = name;
         application.launchGUIApplication();
     }
-    user = *nobody;
+    std::this_thread::sleep_for(200ms * sanitizerSlowdown);  // time for a launch that should not run
+    ASSERT_FALSE(std::filesystem::exists(report("launched"))) << readFile(report("launched"));
+    user = nobody;
+    const int leaked = ::socket(AF_UNIX, SOCK_STREAM, 0);  // not close-on-exec, as passed sockets
     application.launchGUIApplication();
-    ASSERT_TRUE(eventually([&] { return readFile(report).ends_with('\n'); }));
-    std::this_thread::sleep_for(200ms);  // time for a launch that should not have run
-    std::ostringstream expected;
-    expected << nobody->userId << ' ' << nobody->groupId << ' ' << nobody->name << ' '
-             << nobody->home << " :5 /run/user/" << nobody->userId << ' '
-             << settings.applicationPath << '\n';
-    EXPECT_EQ(readFile(report), expected.str()) << "only the last launch may run";
+    ::close(leaked);
+    const auto lines = reportLines("launched");
+    ASSERT_EQ(lines.size(), 8u) << readFile(report("launched"));
+    EXPECT_EQ(lines[0], std::to_string(nobody.userId));
+    EXPECT_EQ(lines[1], std::to_string(nobody.groupId));
+    EXPECT_EQ(lines[2], expectedGroups());
+    EXPECT_EQ(lines[3], "0 1 2 ");
+    EXPECT_EQ(lines[4], "/dev/null");
+    EXPECT_EQ(lines[5], std::filesystem::is_directory(nobody.home) ? nobody.home : "/");
+    EXPECT_EQ(lines[6], ":5 /run/user/" + std::to_string(nobody.userId));
+    EXPECT_EQ(lines[7], settings.applicationPath);
+}
+
+// With a service manager (its bus socket in the user's runtime directory) the launch is a
+// request to it, made as the user: a transient application unit in the user's app.slice that
+// lives as long as the application, with the session's display.
+TEST_F(QBKelvoGUIApplicationLaunchTest, WithAServiceManagerTheLaunchIsATransientUnitOfTheUser) {
+    const auto runtimeDirectory = nobody.runtimeDirectory(settings.serviceManager.runtimeDirectoryRoot);
+    std::filesystem::create_directories(runtimeDirectory);
+    const int bus = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const auto busPath = runtimeDirectory + "/bus";
+    std::strncpy(address.sun_path, busPath.c_str(), sizeof address.sun_path - 1);
+    ASSERT_EQ(::bind(bus, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    settings.serviceManager.runCommand = probe(report("request"));
+    QBKelvoGUIApplication application(server, settings);
+
+    application.launchGUIApplication();
+    ::close(bus);
+    const auto lines = reportLines("request");
+    ASSERT_EQ(lines.size(), 8u) << readFile(report("request"));
+    EXPECT_EQ(lines[0], std::to_string(nobody.userId));
+    EXPECT_EQ(lines[2], expectedGroups());
+    EXPECT_EQ(lines[3], "0 1 2 ");
+    EXPECT_TRUE(lines[4].starts_with("pipe:")) << lines[4];
+    char ownOutput[64] = {};
+    ASSERT_GT(::readlink("/proc/self/fd/1", ownOutput, sizeof ownOutput - 1), 0);
+    EXPECT_NE(lines[4], ownOutput) << "the request's output is never the service's";
+    EXPECT_EQ(lines[6], ":5 " + runtimeDirectory);
+    const std::regex request(
+        "--quiet --collect --unit=app-bash-com\\.kelvo\\.KelvoTunnelwright@[0-9a-f]{16}\\.service "
+        "--slice=app\\.slice --property=ExitType=cgroup --setenv=DISPLAY=:5 -- /bin/bash -c .* sh " +
+        settings.applicationPath);
+    EXPECT_TRUE(std::regex_match(lines[7], request)) << lines[7];
+    EXPECT_FALSE(std::filesystem::exists(report("launched"))) << "the manager starts it, not we";
+}
+
+// Only an entry that nobody but root can change counts as installed; one that some user could
+// have written or swapped, or that is no regular file, is as good as missing, and never blocks.
+TEST_F(QBKelvoGUIApplicationLaunchTest, OnlyEntriesThatOnlyRootCanChangeCount) {
+    QBKelvoGUIApplication application(server, settings);
+    const auto& entry = settings.applicationPath;
+    ASSERT_EQ(application.getGUIApplicationPath(), entry);
+    const auto reset = [&] {
+        std::filesystem::remove(entry);
+        writeFile(entry, "[Desktop Entry]\n");
+        ::chmod(entry.c_str(), 0644);
+        ::chmod(directory.path().c_str(), 0711);
+    };
+    const std::vector<std::pair<std::string, std::function<void()>>> unsafe = {
+        {"owned by a user", [&] { ASSERT_EQ(::chown(entry.c_str(), nobody.userId, 0), 0); }},
+        {"group-writable", [&] { ::chmod(entry.c_str(), 0664); }},
+        {"writable by others", [&] { ::chmod(entry.c_str(), 0646); }},
+        {"in a folder others may write", [&] { ::chmod(directory.path().c_str(), 0777); }},
+        {"a symbolic link", [&] {
+             writeFile(directory.file("real.desktop"), "[Desktop Entry]\n");
+             std::filesystem::remove(entry);
+             std::filesystem::create_symlink(directory.file("real.desktop"), entry);
+         }},
+        {"a FIFO", [&] {
+             std::filesystem::remove(entry);
+             ASSERT_EQ(::mkfifo(entry.c_str(), 0644), 0);
+         }},
+    };
+    for (const auto& [name, makeUnsafe] : unsafe) {
+        reset();
+        makeUnsafe();
+        EXPECT_EQ(application.getGUIApplicationPath(), std::nullopt) << name;
+        EXPECT_EQ(application.installedVersion(), std::nullopt) << name;
+    }
+    reset();
+    EXPECT_EQ(application.getGUIApplicationPath(), entry) << "a root-owned sticky /tmp is safe";
 }

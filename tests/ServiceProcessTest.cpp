@@ -121,6 +121,9 @@ TEST(ServiceProcessTest, AStopSignalAlreadyPendingAtStartStopsTheService) {
     DaemonProcess daemons[4];
     for (auto& daemon : daemons) ASSERT_TRUE(daemon.startWith({.stopPending = true}));
     for (auto& daemon : daemons) EXPECT_EQ(daemon.waitForExit(deadline), 0) << daemon.standardError();
+    // Whatever the start had set up when the stop came is gone.
+    EXPECT_FALSE(aliasListed());
+    EXPECT_NE(::access(channelPath, F_OK), 0) << "socket file left behind";
 }
 
 TEST(ServiceProcessTest, WithoutThreadsTheProcessStillEndsWithStatusZero) {

@@ -79,8 +79,12 @@ std::optional<QBConsoleUser> QBConsoleUser::fromPasswordDatabase(const std::stri
     });
 }
 
-std::vector<std::string> QBConsoleUser::sessionEnvironment() const {
-    const std::string runtimeDirectory = "/run/user/" + std::to_string(userId);
+std::string QBConsoleUser::runtimeDirectory(const std::string& root) const {
+    return root + "/" + std::to_string(userId);
+}
+
+std::vector<std::string> QBConsoleUser::sessionEnvironment(const std::string& runtimeRoot) const {
+    const std::string runtimeDirectory = this->runtimeDirectory(runtimeRoot);
     std::vector<std::string> environment{
         "HOME=" + home,
         "USER=" + name,

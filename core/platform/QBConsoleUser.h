@@ -21,6 +21,8 @@
 struct QBConsoleUser {
     // The seat whose active session is the console.
     static constexpr const char* consoleSeat = "seat0";
+    // The folder of the users' runtime directories ("<root>/<user id>").
+    static constexpr const char* runtimeDirectoryRoot = "/run/user";
     // The search path a session program gets; a login shell would set a similar one.
     static constexpr const char* sessionPath = "/usr/local/bin:/usr/bin:/bin";
 
@@ -38,10 +40,13 @@ struct QBConsoleUser {
     // The record of a user of the password database, with no display; nullopt for an unknown name.
     static std::optional<QBConsoleUser> fromPasswordDatabase(const std::string& name);
 
+    // The user's runtime directory under root.
+    std::string runtimeDirectory(const std::string& root = runtimeDirectoryRoot) const;
     // The environment of a program started in this user's session, as "NAME=value" texts: HOME,
-    // USER, LOGNAME, PATH, XDG_RUNTIME_DIR, DBUS_SESSION_BUS_ADDRESS, and DISPLAY or
-    // WAYLAND_DISPLAY when known.
-    std::vector<std::string> sessionEnvironment() const;
+    // USER, LOGNAME, PATH, XDG_RUNTIME_DIR (under runtimeRoot), DBUS_SESSION_BUS_ADDRESS, and
+    // DISPLAY or WAYLAND_DISPLAY when known.
+    std::vector<std::string> sessionEnvironment(
+        const std::string& runtimeRoot = runtimeDirectoryRoot) const;
     // The user's supplementary groups (primary group included), from the group database.
     std::vector<gid_t> supplementaryGroups() const;
 };

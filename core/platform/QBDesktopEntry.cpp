@@ -1,9 +1,8 @@
 #include "platform/QBDesktopEntry.h"
 
-#include <sys/stat.h>
-
-#include <fstream>
 #include <sstream>
+
+#include "platform/QBFile.h"
 
 namespace {
 
@@ -13,11 +12,6 @@ std::string_view trimBlanks(std::string_view text) {
     return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
 }
 
-bool isRegularFile(const std::string& path) {
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
-}
-
 }  // namespace
 
 std::optional<std::string> QBDesktopEntry::findById(const std::string& id,
@@ -25,22 +19,22 @@ std::optional<std::string> QBDesktopEntry::findById(const std::string& id,
     if (id.empty() || id.find('/') != std::string::npos) return std::nullopt;
     for (const auto& directory : dataDirectories) {
         const std::string path = directory + "/applications/" + id + ".desktop";
-        if (!isRegularFile(path)) continue;
-        const auto entry = read(path);
+        const auto text = QBFile::readTrusted(path, maximumFileSize);
+        if (!text) continue;
+        const auto entry = parse(*text);
         if (entry && entry->value("Hidden") == "true") return std::nullopt;
         return path;
     }
     return std::nullopt;
 }
 
+bool QBDesktopEntry::isInstalled(const std::string& path) {
+    return QBFile::readTrusted(path, maximumFileSize).has_value();
+}
+
 std::optional<QBDesktopEntry> QBDesktopEntry::read(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) return std::nullopt;
-    std::string text(maximumFileSize + 1, '\0');
-    file.read(text.data(), static_cast<std::streamsize>(text.size()));
-    if (file.bad() || static_cast<std::size_t>(file.gcount()) > maximumFileSize) return std::nullopt;
-    text.resize(static_cast<std::size_t>(file.gcount()));
-    return parse(text);
+    const auto text = QBFile::readTrusted(path, maximumFileSize);
+    return text ? parse(*text) : std::nullopt;
 }
 
 std::optional<QBDesktopEntry> QBDesktopEntry::parse(const std::string& text) {

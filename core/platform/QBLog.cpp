@@ -9,21 +9,22 @@
 #include <cstdio>
 #include <ctime>
 #include <deque>
-#include <mutex>
 #include <string>
 #include <system_error>
 #include <thread>
 #include <utility>
 
+#include "QBMutex.h"
+
 namespace {
 
 using Clock = std::chrono::system_clock;
 
-std::mutex sinkLock;  // guards sink; leaf lock, taken by nothing else
-QBLog::Sink sink;
+QBMutex sinkLock;  // a leaf: nothing else is taken while it is held
+QBLog::Sink sink QB_GUARDED_BY(sinkLock);
 
 bool deliverToSink(QBLog::Channel channel, std::string_view text) {
-    std::lock_guard guard(sinkLock);
+    QBMutexLock guard(sinkLock);
     if (!sink) return false;
     sink(channel, text);
     return true;
@@ -77,8 +78,8 @@ void output(const Line& line) {
 // run while the process exits.
 class Writer {
 public:
-    void add(Line line) {
-        std::unique_lock guard(lock);
+    void add(Line line) QB_EXCLUDES(lock) {
+        QBMutexLock guard(lock);
         if (!started) startThread();
         if (!threadRuns) {
             guard.unlock();
@@ -94,16 +95,20 @@ public:
         linesQueued.notify_one();
     }
 
-    bool flush(std::chrono::milliseconds timeout) {
-        std::unique_lock guard(lock);
+    bool flush(std::chrono::milliseconds timeout) QB_EXCLUDES(lock) {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        QBMutexLock guard(lock);
         const std::uint64_t target = queued;
-        return linesWritten.wait_for(guard, timeout,
-                                     [&] { return written >= target && dropped == 0 && !writing; });
+        while (written < target || dropped > 0 || writing) {
+            if (linesWritten.wait_until(guard.native(), deadline) == std::cv_status::timeout) {
+                return written >= target && dropped == 0 && !writing;
+            }
+        }
+        return true;
     }
 
 private:
-    // Called with lock held.
-    void startThread() {
+    void startThread() QB_REQUIRES(lock) {
         started = true;
         try {
             std::thread([this] { drain(); }).detach();
@@ -113,10 +118,10 @@ private:
         }
     }
 
-    void drain() {
-        std::unique_lock guard(lock);
+    void drain() QB_EXCLUDES(lock) {
+        QBMutexLock guard(lock);
         for (;;) {
-            linesQueued.wait(guard, [&] { return !lines.empty() || dropped > 0; });
+            while (lines.empty() && dropped == 0) linesQueued.wait(guard.native());
             std::deque<Line> batch;
             batch.swap(lines);
             const std::size_t lost = std::exchange(dropped, 0);
@@ -128,23 +133,23 @@ private:
                 output({QBLog::Channel::general, Clock::now(), currentThreadId(),
                         std::to_string(lost) + " log lines dropped"});
             }
-            guard.lock();
+            guard.relock();
             written += batch.size();
             writing = false;
             linesWritten.notify_all();
         }
     }
 
-    std::mutex lock;  // guards everything below; leaf lock, never held while writing
+    QBMutex lock;  // a leaf, never held while writing
     std::condition_variable linesQueued;
     std::condition_variable linesWritten;
-    std::deque<Line> lines;
-    std::size_t dropped = 0;    // lines refused since the writer last took the queue
-    std::uint64_t queued = 0;   // lines ever queued
-    std::uint64_t written = 0;  // of those, lines written
-    bool writing = false;       // the writer is outputting lines it took
-    bool started = false;
-    bool threadRuns = false;
+    std::deque<Line> lines QB_GUARDED_BY(lock);
+    std::size_t dropped QB_GUARDED_BY(lock) = 0;    // refused since the writer last took the queue
+    std::uint64_t queued QB_GUARDED_BY(lock) = 0;   // lines ever queued
+    std::uint64_t written QB_GUARDED_BY(lock) = 0;  // of those, lines written
+    bool writing QB_GUARDED_BY(lock) = false;       // the writer is outputting lines it took
+    bool started QB_GUARDED_BY(lock) = false;
+    bool threadRuns QB_GUARDED_BY(lock) = false;
 };
 
 Writer& writer() {
@@ -172,6 +177,6 @@ bool QBLog::flush(std::chrono::milliseconds timeout) {
 }
 
 void QBLog::setSink(Sink newSink) {
-    std::lock_guard guard(sinkLock);
+    QBMutexLock guard(sinkLock);
     sink = std::move(newSink);
 }

@@ -41,8 +41,8 @@ QBSignalSource::~QBSignalSource() {
 }
 
 void QBSignalSource::waitForHandlers() {
-    std::unique_lock guard(handlersLock);
-    handlersDone.wait(guard, [this] { return runningHandlers == 0; });
+    QBMutexLock guard(handlersLock);
+    while (runningHandlers != 0) handlersDone.wait(guard.native());
     std::list<std::thread> finished;
     finished.swap(handlers);
     guard.unlock();
@@ -66,7 +66,7 @@ void QBSignalSource::waitLoop() {
 
 void QBSignalSource::startHandler(int signalNumber) {
     {
-        std::lock_guard guard(handlersLock);
+        QBMutexLock guard(handlersLock);
         ++runningHandlers;  // counted before the thread exists, so a waiter never misses it
         try {
             handlers.emplace_back([this, signalNumber] { runHandler(signalNumber); });
@@ -84,7 +84,7 @@ void QBSignalSource::runHandler(int signalNumber) {
     } catch (...) {
         // A handler that fails ends its own run, not the process.
     }
-    std::lock_guard done(handlersLock);
+    QBMutexLock done(handlersLock);
     --runningHandlers;
     handlersDone.notify_all();
 }

@@ -22,8 +22,9 @@
 #include <functional>
 #include <initializer_list>
 #include <list>
-#include <mutex>
 #include <thread>
+
+#include "QBMutex.h"
 
 class QBSignalSource {
 public:
@@ -52,8 +53,9 @@ private:
     int wakePipe[2] = {-1, -1};
     std::thread waiter;
 
-    std::mutex handlersLock;              // guards runningHandlers, handlers
+    QBMutex handlersLock;  // a leaf: handlers run without it
     std::condition_variable handlersDone;
-    int runningHandlers = 0;
-    std::list<std::thread> handlers;      // joined by waitForHandlers and the destructor
+    int runningHandlers QB_GUARDED_BY(handlersLock) = 0;
+    // Joined by waitForHandlers and the destructor.
+    std::list<std::thread> handlers QB_GUARDED_BY(handlersLock);
 };

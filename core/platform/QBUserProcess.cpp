@@ -1,84 +1,85 @@
 #include "platform/QBUserProcess.h"
 
-#include <grp.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
-#include <cerrno>
-#include <csignal>
+#include <algorithm>
+#include <cstdio>
+#include <functional>
 
+#include "QBRandom.h"
+#include "platform/QBChildProcess.h"
 #include "platform/QBConsoleUser.h"
 
 namespace {
 
-// Vectors of C strings made before the fork; they point into the given strings.
-std::vector<char*> cStringVector(const std::vector<std::string>& texts) {
-    std::vector<char*> vector;
-    vector.reserve(texts.size() + 1);
-    for (const auto& text : texts) vector.push_back(const_cast<char*>(text.c_str()));
-    vector.push_back(nullptr);
-    return vector;
+QBChildProcess::Options optionsFor(const QBConsoleUser& user,
+                                   std::vector<std::string> environment) {
+    QBChildProcess::Options options;
+    options.identity = QBChildProcess::Identity{user.userId, user.groupId,
+                                                user.supplementaryGroups()};
+    // Where a session program starts; "/" for a user whose home is missing ("/nonexistent").
+    struct stat home {};
+    const bool hasHome = !user.home.empty() && ::stat(user.home.c_str(), &home) == 0 &&
+                         S_ISDIR(home.st_mode);
+    options.workingDirectory = hasHome ? user.home : "/";
+    options.environment = std::move(environment);
+    return options;
 }
 
-// The service blocks its stop signals and ignores SIGPIPE; a program it starts must not inherit
-// either (ignored dispositions survive exec).
-void resetSignals() {
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    struct sigaction standard {};
-    standard.sa_handler = SIG_DFL;
-    sigemptyset(&standard.sa_mask);
-    for (int signalNumber = 1; signalNumber < NSIG; ++signalNumber) {
-        sigaction(signalNumber, &standard, nullptr);  // fails harmlessly for SIGKILL, SIGSTOP
-    }
+bool isSocket(const std::string& path) {
+    struct stat info {};
+    return ::lstat(path.c_str(), &info) == 0 && S_ISSOCK(info.st_mode);
 }
 
-struct LaunchPlan {
-    uid_t userId;
-    gid_t groupId;
-    std::vector<gid_t> groups;
-    const char* home;
-    std::vector<char*> arguments;
-    std::vector<char*> environment;
-};
-
-[[noreturn]] void runAsUser(const LaunchPlan& plan) {
-    if (::setgid(plan.groupId) != 0 || ::setgroups(plan.groups.size(), plan.groups.data()) != 0 ||
-        ::setuid(plan.userId) != 0) {
-        ::_exit(0);
+// The manager's client, as the user, asked to run command as a transient application unit.
+std::vector<std::string> transientUnitRequest(const QBConsoleUser& user,
+                                              const std::vector<std::string>& command,
+                                              const std::string& applicationId,
+                                              const QBUserProcess::ServiceManager& manager) {
+    auto request = manager.runCommand;
+    request.insert(request.end(),
+                   {"--quiet", "--collect",
+                    "--unit=" + QBUserProcess::unitName(command.front(), applicationId),
+                    std::string("--slice=") + QBUserProcess::applicationSlice,
+                    "--property=ExitType=cgroup"});
+    if (!user.display.empty()) request.push_back("--setenv=DISPLAY=" + user.display);
+    if (!user.waylandDisplay.empty()) {
+        request.push_back("--setenv=WAYLAND_DISPLAY=" + user.waylandDisplay);
     }
-    if (::chdir(plan.home) != 0 && ::chdir("/") != 0) ::_exit(0);
-    ::execve(plan.arguments[0], plan.arguments.data(), plan.environment.data());
-    ::_exit(0);
-}
-
-void reap(pid_t child) {
-    while (::waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
-    }
+    request.push_back("--");
+    request.insert(request.end(), command.begin(), command.end());
+    return request;
 }
 
 }  // namespace
 
-bool QBUserProcess::launchDetached(const QBConsoleUser& user,
-                                   const std::vector<std::string>& arguments,
-                                   const std::vector<std::string>& environment) {
-    if (arguments.empty()) return false;
-    const LaunchPlan plan{user.userId,
-                          user.groupId,
-                          user.supplementaryGroups(),
-                          user.home.empty() ? "/" : user.home.c_str(),
-                          cStringVector(arguments),
-                          cStringVector(environment)};
-    const pid_t child = ::fork();
-    if (child < 0) return false;
-    if (child == 0) {
-        resetSignals();
-        ::setsid();
-        const pid_t grandchild = ::fork();
-        if (grandchild == 0) runAsUser(plan);
-        ::_exit(0);
+bool QBUserProcess::open(const QBConsoleUser& user, const std::vector<std::string>& command,
+                         const std::string& applicationId, const ServiceManager& manager) {
+    if (command.empty()) return false;
+    const auto runtimeDirectory = user.runtimeDirectory(manager.runtimeDirectoryRoot);
+    if (!manager.runCommand.empty() && isSocket(runtimeDirectory + "/bus")) {
+        const auto request = transientUnitRequest(user, command, applicationId, manager);
+        const std::vector<std::string> arguments(request.begin() + 1, request.end());
+        const auto options =
+            optionsFor(user, user.sessionEnvironment(manager.runtimeDirectoryRoot));
+        return QBChildProcess::run(request.front(), arguments, options).status == 0;
     }
-    reap(child);
-    return true;
+    return QBChildProcess::startDetached(command, optionsFor(user, user.sessionEnvironment()));
+}
+
+std::string QBUserProcess::unitName(const std::string& launcherPath,
+                                    const std::string& applicationId) {
+    const auto slash = launcherPath.rfind('/');
+    std::string name = "app-" + launcherPath.substr(slash == std::string::npos ? 0 : slash + 1) +
+                       "-" + applicationId;
+    const auto allowedInUnitName = [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+               c == '-' || c == '.' || c == '_';
+    };
+    std::replace_if(name.begin(), name.end(), std::not_fn(allowedInUnitName), '_');
+    char random[17];
+    std::snprintf(random, sizeof random, "%08x%08x",
+                  static_cast<unsigned>(QBRandom::randomInRange(0x100000000LL)),
+                  static_cast<unsigned>(QBRandom::randomInRange(0x100000000LL)));
+    return name + "@" + random + ".service";
 }
