@@ -314,7 +314,9 @@ crash_restart() {
     [ "$after" -gt "$restarts" ] || { echo "NRestarts $restarts -> $after"; return 1; }
     local answer; answer=$(page_call state 30)
     [ "$answer" = "$gui_state" ] || { echo "after the restart state answered '$answer'"; return 1; }
-    echo "pid $before crashed, pid $(main_pid) serves (NRestarts $restarts -> $after)"
+    local alias="alias 127.94.0.1 not on lo"
+    inside ip -o address show dev lo | grep -q '127\.94\.0\.1/' && alias="alias 127.94.0.1 still on lo"
+    echo "pid $before crashed, pid $(main_pid) serves (NRestarts $restarts -> $after), $alias"
 }
 check "crash restarts the service" crash_restart
 
@@ -342,7 +344,7 @@ remove_package() {
     # Not a fault of removal: a daemon that crashed left the alias, and the one after it did not
     # add it, so it does not remove it either.
     local alias=gone
-    inside ip -o address show dev lo | grep -q '127\.94\.0\.1/' && alias="left on lo (after the crash)"
+    inside ip -o address show dev lo | grep -q '127\.94\.0\.1/' && alias="left on lo"
     echo "$states, nothing on 986, no $channel_socket; alias 127.94.0.1 $alias"
 }
 check "apt-get remove stops everything" remove_package
