@@ -76,7 +76,9 @@ root=$run/root
 nspawn_pid=
 pid1=
 
+watchdog=
 cleanup() {
+    [ -n "$watchdog" ] && kill "$watchdog" 2>/dev/null
     if [ -n "$nspawn_pid" ] && kill -0 "$nspawn_pid" 2>/dev/null; then
         [ -n "$pid1" ] && nsenter -t "$pid1" -a -- systemctl poweroff --no-block >/dev/null 2>&1
         for _ in $(seq 100); do kill -0 "$nspawn_pid" 2>/dev/null || break; sleep 0.1; done
@@ -90,14 +92,23 @@ cleanup() {
 trap cleanup EXIT
 trap 'exit 130' INT TERM
 
+# The container's part has a deadline of its own, well inside ctest's, so that the container is
+# always shut down by the cleanup above rather than left behind by a killed script.
+(
+    trap 'kill $sleeper 2>/dev/null; exit 0' TERM
+    sleep 400 & sleeper=$!
+    wait $sleeper && { echo "FAIL: deadline of 400 s passed"; kill -TERM $$; }
+) &
+watchdog=$!
+
 cp -a --reflink=auto "$rootfs" "$root"
 systemd-nspawn -q -D "$root" --register=no --private-network --keep-unit -b \
     </dev/null >"$run/console.log" 2>&1 &
 nspawn_pid=$!
 
-# Runs a command inside the container, with a clean environment.
+# Runs a command inside the container, with a clean environment and a bound.
 inside() {
-    nsenter -t "$pid1" -a -- env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin LANG=C.UTF-8 "$@"
+    timeout 120 nsenter -t "$pid1" -a -- env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin LANG=C.UTF-8 "$@"
 }
 # Runs the command until it succeeds, for at most SECONDS (fractions allowed); false on timeout.
 wait_until() {
