@@ -47,7 +47,8 @@ deb=$(echo "$work"/package/${package}_*.deb)
 # the package's own dependencies (so that installing it needs no package lists).
 depends=$(dpkg-deb -f "$deb" Depends | tr ',' '\n' | sed -E 's/\|.*//; s/\(.*\)//; s/[[:space:]]//g' |
           grep -v '^$' | sort -u | paste -sd, -)
-include="systemd,systemd-sysv,dbus,dbus-user-session,libpam-systemd,procps,iproute2,libglib2.0-bin,curl,$depends"
+include=$(echo "systemd,systemd-sysv,dbus,dbus-user-session,libpam-systemd,procps,iproute2,libglib2.0-bin,curl,$depends" |
+          tr ',' '\n' | awk '!seen[$0]++' | paste -sd, -)
 key=$(echo "bookworm minbase $include" | sha256sum | cut -c1-16)
 cache=$build/system-rootfs
 rootfs=$cache/$key
