@@ -163,6 +163,8 @@ page_call() {
 main_pid() { inside systemctl show -p MainPID --value "$unit"; }
 unit_state() { inside systemctl is-active "$1" 2>/dev/null; }
 gui_pids() { inside pgrep -u "$user" -x gui-standin; }
+# Whether a client is connected to the channel socket (the daemon's accepted end carries its path).
+gui_connected() { inside ss -Hxn | grep -v LISTEN | grep -qF "$channel_socket"; }
 
 # Installing starts both units; the daemon adds its alias and listens on port 986.
 install_package() {
@@ -173,7 +175,8 @@ install_package() {
         { echo "nothing listens on 127.94.0.1:986"; return 1; }
     local states="socket $(unit_state $socket_unit), service $(unit_state $unit)"
     [ "$states" = "socket active, service active" ] || { echo "$states"; return 1; }
-    inside ip -o address show dev lo | grep -q '127\.94\.0\.1/32' || { echo "no alias on lo"; return 1; }
+    local addresses; addresses=$(inside ip -o -4 address show dev lo)
+    grep -q '127\.94\.0\.1/32' <<<"$addresses" || { echo "no alias on lo: $addresses"; return 1; }
     echo "$states, alias 127.94.0.1/32 on lo, listening on 986"
 }
 check "package installs and starts" install_package
@@ -303,6 +306,8 @@ stop_and_restart() {
     inside systemctl stop "$unit" 2>/dev/null || return 1
     inside kill -0 "$gui" 2>/dev/null || { echo "stopping the service ended the GUI (pid $gui)"; return 1; }
     inside systemctl start "$unit" || return 1
+    # The stand-in retries every 250 ms; a page call before it is back would start a second GUI.
+    wait_until 5 gui_connected || { echo "GUI $gui did not reconnect within 5 s"; return 1; }
     local begun=$SECONDS answer
     answer=$(page_call state 30)
     local now; now=$(gui_pids | paste -sd' ')
@@ -361,6 +366,10 @@ remove_package() {
 }
 check "apt-get remove stops everything" remove_package
 
+if ((failed)); then
+    echo "--- the service's journal (last lines)"
+    inside journalctl -q -u "$unit" -u "$socket_unit" --no-pager -o short-precise | tail -40
+fi
 echo "$passed passed, $failed failed"
 ((failed == 0)) || echo "failed: ${failures[*]}"
 echo "total time $((SECONDS - started)) s"
