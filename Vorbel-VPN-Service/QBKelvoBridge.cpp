@@ -1,6 +1,5 @@
 #include "QBKelvoBridge.h"
 
-#include <array>
 #include <cmath>
 #include <limits>
 
@@ -13,9 +12,6 @@ using json = nlohmann::json;
 
 namespace {
 
-constexpr const char* resultKey = "result";
-constexpr const char* versionKey = "version";
-
 // A fractional number cut toward zero, clamped to the 64-bit range.
 std::int64_t integerPart(double value) {
     constexpr double limit = 9223372036854775808.0;  // 2^63
@@ -26,7 +22,7 @@ std::int64_t integerPart(double value) {
 }
 
 bool isPort(std::int64_t value) {
-    return value >= QBKelvoBridge::lowestPort && value <= QBKelvoBridge::highestPort;
+    return value >= QBKelvoBridgeCommands::lowestPort && value <= QBKelvoBridgeCommands::highestPort;
 }
 
 }  // namespace
@@ -37,32 +33,9 @@ QBKelvoBridge::QBKelvoBridge(std::shared_ptr<QBLumentideIPC> channel,
 
 // ---- The relayed commands -------------------------------------------------------------------
 
-const QBKelvoBridge::Rule* QBKelvoBridge::findRule(std::string_view method) {
-    using I = Inputs;
-    using K = AnswerKind;
-    static const std::array<Rule, 12> rules{{
-        {"clientVersion", I::none, K::version, unknownVersion},
-        {"authorize", I::server, K::number, std::int64_t{0}},
-        {"connect", I::server, K::text, ""},
-        {"connectWithToken", I::serverAndToken, K::text, ""},
-        {"disconnect", I::token, K::ignored, ""},
-        {"suspend", I::token, K::ignored, ""},
-        {"resume", I::none, K::ignored, ""},
-        {"state", I::none, K::text, "disconnected"},
-        {"connectionTime", I::none, K::number, std::int64_t{0}},
-        {"connectionTimeDisplayable", I::none, K::text, ""},
-        {"trafficRates", I::none, K::text, "0,0"},
-        {"trafficTotals", I::none, K::text, "0,0"},
-    }};
-    for (const auto& rule : rules) {
-        if (rule.method == method) return &rule;
-    }
-    return nullptr;
-}
-
-std::optional<json> QBKelvoBridge::contentFor(const Rule& rule, const Arguments& arguments) {
-    json content{{"command", rule.method}};
-    if (rule.inputs == Inputs::server || rule.inputs == Inputs::serverAndToken) {
+std::optional<json> QBKelvoBridge::contentFor(const Method& method, const Arguments& arguments) {
+    json content{{"command", method.name}};
+    if (method.takes == Takes::server || method.takes == Takes::serverAndToken) {
         if (arguments.server.empty() || !isPort(arguments.port) || !isPort(arguments.webPort)) {
             return std::nullopt;
         }
@@ -71,74 +44,74 @@ std::optional<json> QBKelvoBridge::contentFor(const Rule& rule, const Arguments&
         content["webPort"] = arguments.webPort;
     }
     const auto tokenLength = QBText::utf16Length(arguments.token);
-    if (rule.inputs == Inputs::serverAndToken) {
+    if (method.takes == Takes::serverAndToken) {
         if (tokenLength < 1 || tokenLength > maximumTokenLength) return std::nullopt;
         content["securityToken"] = arguments.token;
     }
-    if (rule.inputs == Inputs::token) {
+    if (method.takes == Takes::token) {
         // Not refused: a token that is too long is sent as the empty one.
         content["securityToken"] = tokenLength > maximumTokenLength ? "" : arguments.token;
     }
     return content;
 }
 
-QBKelvoBridge::Result QBKelvoBridge::resultFrom(const Rule& rule,
+QBKelvoBridge::Result QBKelvoBridge::resultFrom(const Method& method,
                                                 const std::optional<json>& answer) const {
-    switch (rule.answer) {
-        case AnswerKind::ignored:
-            return rule.fallback;
-        case AnswerKind::text:
-            if (auto text = stringAnswer(answer, resultKey)) return *text;
-            return rule.fallback;
-        case AnswerKind::number:
-            if (auto number = numberAnswer(answer, resultKey)) return *number;
-            return rule.fallback;
-        case AnswerKind::version:
-            if (auto version = stringAnswer(answer, versionKey)) return *version;
+    switch (method.answer) {
+        case Answer::operatingSystem:
+            return "Mac OS " + QBPlatform::operatingSystemVersion();
+        case Answer::ignored:
+            break;
+        case Answer::text:
+            if (auto text = stringAnswer(answer, method.answerKey)) return *text;
+            break;
+        case Answer::number:
+            if (auto number = numberAnswer(answer, method.answerKey)) return *number;
+            break;
+        case Answer::version:
+            if (auto version = stringAnswer(answer, method.answerKey)) return *version;
             if (application) {
                 if (auto installed = application->installedVersion()) return *installed;
             }
-            return rule.fallback;
+            break;
     }
-    return rule.fallback;
+    return method.fallbackResult();
 }
 
-QBKelvoBridge::Result QBKelvoBridge::perform(std::string_view method, const Arguments& arguments) {
-    const Rule* rule = findRule(method);
-    if (!rule) return "";
-    const auto content = contentFor(*rule, arguments);
-    if (!content) return rule->fallback;
-    // clientVersion asks only a GUI that is connected now; the others launch it when needed.
-    const bool launchAllowed = rule->answer != AnswerKind::version;
+QBKelvoBridge::Result QBKelvoBridge::perform(MethodId id, const Arguments& arguments) {
+    const Method& method = QBKelvoBridgeCommands::method(id);
+    if (method.answer == Answer::operatingSystem) return resultFrom(method, std::nullopt);
+    const auto content = contentFor(method, arguments);
+    if (!content) return method.fallbackResult();
     std::optional<json> answer;
     if (application && channel &&
-        application->isGUIApplicationAvailableAndStartIfNeeded(launchAllowed)) {
+        application->isGUIApplicationAvailableAndStartIfNeeded(method.launchesGUI)) {
         answer = channel->sendMessageToFirstClient(serviceCommand, *content);
     }
-    return resultFrom(*rule, answer);
+    return resultFrom(method, answer);
 }
 
-bool QBKelvoBridge::startCommand(std::string_view method, const Arguments& arguments,
+bool QBKelvoBridge::startCommand(std::string_view name, const Arguments& arguments,
                                  const Finish& finish) {
-    const Rule* rule = findRule(method);
-    if (!rule || !channel) return false;
-    auto content = contentFor(*rule, arguments);
+    const Method* method = methodNamed(name);
+    if (!method || method->answer == Answer::operatingSystem || !channel) return false;
+    auto content = contentFor(*method, arguments);
     if (!content) {
-        finish(rule->fallback);
+        finish(method->fallbackResult());
         return true;
     }
     // Without a client the command may have to launch the GUI and wait: not here.
     if (channel->clientCount() == 0) return false;
     channel->sendMessageToFirstClient(
         serviceCommand, *content,
-        [this, rule, finish](std::optional<json> answer) { finish(resultFrom(*rule, answer)); });
+        [this, method, finish](std::optional<json> answer) { finish(resultFrom(*method, answer)); });
     return true;
 }
 
 // ---- Answers --------------------------------------------------------------------------------
 
 std::optional<std::string> QBKelvoBridge::stringAnswer(const std::optional<json>& answer,
-                                                       const char* key) {
+                                                       std::string_view key) {
     if (!answer || !answer->is_object()) return std::nullopt;
     const auto value = answer->find(key);
     if (value == answer->end() || !value->is_string()) return std::nullopt;
@@ -146,7 +119,7 @@ std::optional<std::string> QBKelvoBridge::stringAnswer(const std::optional<json>
 }
 
 std::optional<std::int64_t> QBKelvoBridge::numberAnswer(const std::optional<json>& answer,
-                                                        const char* key) {
+                                                        std::string_view key) {
     if (!answer || !answer->is_object()) return std::nullopt;
     const auto value = answer->find(key);
     if (value == answer->end()) return std::nullopt;
@@ -176,47 +149,43 @@ std::int64_t number(const QBKelvoBridgeCommands::Result& result) {
 
 }  // namespace
 
-std::string QBKelvoBridge::clientOS() {
-    return "Mac OS " + QBPlatform::operatingSystemVersion();
-}
+std::string QBKelvoBridge::clientOS() { return text(perform(MethodId::clientOS, {})); }
 
-std::string QBKelvoBridge::clientVersion() {
-    return text(perform("clientVersion", {}));
-}
+std::string QBKelvoBridge::clientVersion() { return text(perform(MethodId::clientVersion, {})); }
 
 std::int64_t QBKelvoBridge::authorizeServer(const std::string& server, std::int64_t port,
                                             std::int64_t webPort) {
-    return number(perform("authorize", {server, port, webPort, {}}));
+    return number(perform(MethodId::authorize, {server, port, webPort, {}}));
 }
 
 std::string QBKelvoBridge::connect(const std::string& server, std::int64_t port,
                                    std::int64_t webPort) {
-    return text(perform("connect", {server, port, webPort, {}}));
+    return text(perform(MethodId::connect, {server, port, webPort, {}}));
 }
 
 std::string QBKelvoBridge::connect(const std::string& server, std::int64_t port,
                                    std::int64_t webPort, const std::string& secToken) {
-    return text(perform("connectWithToken", {server, port, webPort, secToken}));
+    return text(perform(MethodId::connectWithToken, {server, port, webPort, secToken}));
 }
 
 std::string QBKelvoBridge::disconnectWithSecToken(const std::string& secToken) {
-    return text(perform("disconnect", {{}, 0, 0, secToken}));
+    return text(perform(MethodId::disconnect, {{}, 0, 0, secToken}));
 }
 
 std::string QBKelvoBridge::suspendWithSecToken(const std::string& secToken) {
-    return text(perform("suspend", {{}, 0, 0, secToken}));
+    return text(perform(MethodId::suspend, {{}, 0, 0, secToken}));
 }
 
-std::string QBKelvoBridge::resume() { return text(perform("resume", {})); }
+std::string QBKelvoBridge::resume() { return text(perform(MethodId::resume, {})); }
 
-std::string QBKelvoBridge::state() { return text(perform("state", {})); }
+std::string QBKelvoBridge::state() { return text(perform(MethodId::state, {})); }
 
-std::int64_t QBKelvoBridge::connectionTime() { return number(perform("connectionTime", {})); }
+std::int64_t QBKelvoBridge::connectionTime() { return number(perform(MethodId::connectionTime, {})); }
 
 std::string QBKelvoBridge::connectionTimeDisplayable() {
-    return text(perform("connectionTimeDisplayable", {}));
+    return text(perform(MethodId::connectionTimeDisplayable, {}));
 }
 
-std::string QBKelvoBridge::trafficRates() { return text(perform("trafficRates", {})); }
+std::string QBKelvoBridge::trafficRates() { return text(perform(MethodId::trafficRates, {})); }
 
-std::string QBKelvoBridge::trafficTotals() { return text(perform("trafficTotals", {})); }
+std::string QBKelvoBridge::trafficTotals() { return text(perform(MethodId::trafficTotals, {})); }

@@ -3,12 +3,13 @@
 // channel. The one implementation of QBKelvoBridgeCommands that the service uses; both bridge
 // servers share one.
 //
-// A relayed command checks its arguments (a rejected one gives the command's default at once:
+// Every command follows its entry of the method table (QBKelvoBridgeCommands::methods()). A
+// relayed command checks its arguments (a rejected one gives the command's default at once:
 // nothing is sent and nothing is launched), makes sure that a GUI client is connected (starting
-// the application and waiting for it when none is, see QBKelvoGUIApplication), sends a
-// "serviceCmd" message whose content names the command and its arguments to the first connected
-// client, waits for its reply and takes the answer under "result" ("version" for clientVersion)
-// when it has the expected type. A JSON string counts where a string is expected; a JSON number or
+// the application and waiting for it when none is and the entry allows a launch, see
+// QBKelvoGUIApplication), sends a "serviceCmd" message whose content names the command and its
+// arguments to the first connected client, waits for its reply and takes the answer under the
+// entry's answer key when it has the expected type. A JSON string counts where a string is expected; a JSON number or
 // boolean (true 1, false 0) where a number is, a fractional number cut toward zero and values
 // beyond 64 bits clamped. Anything else, no reply, or a GUI that goes away gives the default.
 // clientOS answers at once from the operating-system version and never involves the GUI.
@@ -25,6 +26,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include <nlohmann/json.hpp>
 
@@ -37,17 +39,10 @@ class QBKelvoBridge : public QBKelvoBridgeCommands {
 public:
     // The message command that carries every bridge command.
     static constexpr const char* serviceCommand = "serviceCmd";
-    // Longest security token, in UTF-16 code units.
-    static constexpr std::size_t maximumTokenLength = 256;
-    static constexpr std::int64_t lowestPort = 1;
-    static constexpr std::int64_t highestPort = 65535;
-    // clientVersion's answer when neither the GUI nor the installed application tells one.
-    static constexpr const char* unknownVersion = "0.0.0,0";
 
     QBKelvoBridge(std::shared_ptr<QBLumentideIPC> channel,
                   std::shared_ptr<QBKelvoGUIApplication> application);
 
-    bool answersAtOnce(std::string_view method) const override { return method == "clientOS"; }
     // Starts a relayed command without waiting when a GUI client is connected now, and answers a
     // rejected argument at once; false otherwise (clientOS, an unknown name, no GUI client).
     bool startCommand(std::string_view method, const Arguments& arguments,
@@ -72,29 +67,19 @@ public:
 
     // The answer under key when it is a string; nullopt otherwise (also without an answer).
     static std::optional<std::string> stringAnswer(const std::optional<nlohmann::json>& answer,
-                                                   const char* key);
+                                                   std::string_view key);
     // The answer under key when it is a number or a boolean; nullopt otherwise.
     static std::optional<std::int64_t> numberAnswer(const std::optional<nlohmann::json>& answer,
-                                                    const char* key);
-
-    // How each relayed command reads its arguments and its answer.
-    enum class Inputs { none, server, serverAndToken, token };
-    enum class AnswerKind { ignored, text, number, version };
-    struct Rule {
-        std::string_view method;
-        Inputs inputs;
-        AnswerKind answer;
-        Result fallback;
-    };
+                                                    std::string_view key);
 
 private:
-    static const Rule* findRule(std::string_view method);
     // The content to send for the arguments; nullopt when an argument is rejected.
-    static std::optional<nlohmann::json> contentFor(const Rule& rule, const Arguments& arguments);
+    static std::optional<nlohmann::json> contentFor(const Method& method,
+                                                    const Arguments& arguments);
     // The command's result from the GUI's answer (nullopt: none came).
-    Result resultFrom(const Rule& rule, const std::optional<nlohmann::json>& answer) const;
+    Result resultFrom(const Method& method, const std::optional<nlohmann::json>& answer) const;
     // The whole command on the calling thread, waiting for the GUI (and launching it) as needed.
-    Result perform(std::string_view method, const Arguments& arguments);
+    Result perform(MethodId id, const Arguments& arguments);
 
     const std::shared_ptr<QBLumentideIPC> channel;
     const std::shared_ptr<QBKelvoGUIApplication> application;

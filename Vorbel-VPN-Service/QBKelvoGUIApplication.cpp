@@ -8,10 +8,10 @@
 
 QBKelvoGUIApplication::QBKelvoGUIApplication(std::shared_ptr<QBLumentideIPC> channel,
                                              Settings settings)
-    : channel(std::move(channel)), settings_(std::move(settings)) {}
+    : channel(std::move(channel)), _settings(std::move(settings)) {}
 
 std::chrono::milliseconds QBKelvoGUIApplication::waitBound() const {
-    return settings_.checkInterval * std::max(settings_.availabilityChecks, 0);
+    return _settings.checkInterval * std::max(_settings.availabilityChecks, 0);
 }
 
 bool QBKelvoGUIApplication::isGUIApplicationAvailableAndStartIfNeeded(bool startIfNeeded) {
@@ -24,7 +24,7 @@ bool QBKelvoGUIApplication::isGUIApplicationAvailableAndStartIfNeeded(bool start
 
 bool QBKelvoGUIApplication::launchUnlessInFlight() {
     {
-        std::lock_guard guard(launchLock);
+        QBMutexLock guard(launchLock);
         const auto now = std::chrono::steady_clock::now();
         if (lastLaunch && now - *lastLaunch < waitBound()) return false;
         lastLaunch = now;
@@ -38,18 +38,18 @@ void QBKelvoGUIApplication::launchGUIApplication() {
     if (!user || user->userId == 0 || user->groupId == 0) return;
     const auto path = getGUIApplicationPath();
     if (!path) return;
-    auto arguments = settings_.launcher;
+    auto arguments = _settings.launcher;
     arguments.push_back(*path);
-    QBUserProcess::open(*user, arguments, settings_.applicationIdentifier, settings_.serviceManager);
+    QBUserProcess::open(*user, arguments, _settings.applicationIdentifier, _settings.serviceManager);
 }
 
 std::optional<std::string> QBKelvoGUIApplication::getGUIApplicationPath() const {
-    if (QBDesktopEntry::isInstalled(settings_.applicationPath)) return settings_.applicationPath;
-    return QBDesktopEntry::findById(settings_.applicationIdentifier, settings_.dataDirectories);
+    if (QBDesktopEntry::isInstalled(_settings.applicationPath)) return _settings.applicationPath;
+    return QBDesktopEntry::findById(_settings.applicationIdentifier, _settings.dataDirectories);
 }
 
 std::optional<QBConsoleUser> QBKelvoGUIApplication::getGUIUser() const {
-    auto user = settings_.consoleUser ? settings_.consoleUser() : std::nullopt;
+    auto user = _settings.consoleUser ? _settings.consoleUser() : std::nullopt;
     if (!user || user->name.empty() || user->name == loggedOutUserName) return std::nullopt;
     return user;
 }

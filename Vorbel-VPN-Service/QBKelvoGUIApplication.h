@@ -26,11 +26,11 @@
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "QBMutex.h"
 #include "platform/QBConsoleUser.h"
 #include "platform/QBUserProcess.h"
 
@@ -82,16 +82,17 @@ public:
     // installed or its entry lacks either key.
     std::optional<std::string> installedVersion() const;
 
-    const Settings& settings() const { return settings_; }
+    const Settings& settings() const { return _settings; }
 
 private:
     // Starts a launch unless one is in flight; true when this call launched.
-    bool launchUnlessInFlight();
+    bool launchUnlessInFlight() QB_EXCLUDES(launchLock);
     std::chrono::milliseconds waitBound() const;
 
     const std::shared_ptr<QBLumentideIPC> channel;
-    const Settings settings_;
+    const Settings _settings;
 
-    std::mutex launchLock;  // guards lastLaunch; leaf lock, never held while launching
-    std::optional<std::chrono::steady_clock::time_point> lastLaunch;
+    // A leaf lock: held only to read and set lastLaunch, never while launching or waiting.
+    QBMutex launchLock;
+    std::optional<std::chrono::steady_clock::time_point> lastLaunch QB_GUARDED_BY(launchLock);
 };

@@ -3,7 +3,6 @@
 #include <unicode/utf8.h>
 
 #include <algorithm>
-#include <array>
 #include <limits>
 
 #include "platform/QBLog.h"
@@ -99,64 +98,24 @@ std::int64_t integerOf(const Value& value) {
     return QBText::scanLeadingInteger(std::get<std::string>(value));
 }
 
-using Arguments = QBKelvoBridgeCommands::Arguments;
+using Method = QBKelvoBridgeCommands::Method;
+using Takes = QBKelvoBridgeCommands::Takes;
 
-// The parameters of a call as its command's arguments, by position: none; the server and the
-// two ports; those and the token; the token alone.
-Arguments noArguments(const Params&) { return {}; }
-Arguments serverArguments(const Params& p) {
-    return {argumentText(p[0]), integerOf(p[1]), integerOf(p[2]), {}};
-}
-Arguments serverAndTokenArguments(const Params& p) {
-    return {argumentText(p[0]), integerOf(p[1]), integerOf(p[2]), argumentText(p[3])};
-}
-Arguments tokenArgument(const Params& p) { return {{}, 0, 0, argumentText(p[0])}; }
-
-struct Command {
-    std::string_view name;
-    std::size_t needs;  // parameters the call must have; with fewer, the fallback arguments
-    Arguments (*arguments)(const Params& p);
-    Value (*call)(QBKelvoBridgeCommands& commands, const Arguments& a);
-};
-
-// Arguments used, position by position, when a call has fewer parameters than its command needs.
-const Params& fallbackArguments() {
-    static const Params fallback{std::string(), std::int64_t{0}, std::int64_t{0}, std::string()};
-    return fallback;
-}
-
-using C = QBKelvoBridgeCommands;
-using A = Arguments;
-// clang-format off
-constexpr std::array<Command, 13> commandTable{{
-    {"clientOS", 0, noArguments, [](C& c, const A&) -> Value { return c.clientOS(); }},
-    {"clientVersion", 0, noArguments, [](C& c, const A&) -> Value { return c.clientVersion(); }},
-    {"authorize", 3, serverArguments, [](C& c, const A& a) -> Value {
-        return c.authorizeServer(a.server, a.port, a.webPort); }},
-    {"connect", 3, serverArguments, [](C& c, const A& a) -> Value {
-        return c.connect(a.server, a.port, a.webPort); }},
-    {"connectWithToken", 4, serverAndTokenArguments, [](C& c, const A& a) -> Value {
-        return c.connect(a.server, a.port, a.webPort, a.token); }},
-    {"disconnect", 1, tokenArgument, [](C& c, const A& a) -> Value { return c.disconnectWithSecToken(a.token); }},
-    {"suspend", 1, tokenArgument, [](C& c, const A& a) -> Value { return c.suspendWithSecToken(a.token); }},
-    {"resume", 0, noArguments, [](C& c, const A&) -> Value { return c.resume(); }},
-    {"state", 0, noArguments, [](C& c, const A&) -> Value { return c.state(); }},
-    {"connectionTime", 0, noArguments, [](C& c, const A&) -> Value { return c.connectionTime(); }},
-    {"connectionTimeDisplayable", 0, noArguments, [](C& c, const A&) -> Value {
-        return c.connectionTimeDisplayable(); }},
-    {"trafficRates", 0, noArguments, [](C& c, const A&) -> Value { return c.trafficRates(); }},
-    {"trafficTotals", 0, noArguments, [](C& c, const A&) -> Value { return c.trafficTotals(); }},
-}};
-// clang-format on
-
-const Command* findCommand(std::string_view name) {
-    const auto found = std::find_if(commandTable.begin(), commandTable.end(),
-                                    [name](const Command& command) { return command.name == name; });
-    return found == commandTable.end() ? nullptr : &*found;
-}
-
-Arguments argumentsOf(const Command& command, const Params& params) {
-    return command.arguments(params.size() >= command.needs ? params : fallbackArguments());
+// The parameters of a call as its method's arguments, by position, as the method takes them.
+// With fewer parameters than it needs, every argument is the empty string or 0.
+QBKelvoBridgeCommands::Arguments argumentsOf(const Method& method, const Params& p) {
+    if (p.size() < method.needs()) return {};
+    switch (method.takes) {
+        case Takes::nothing:
+            return {};
+        case Takes::server:
+            return {argumentText(p[0]), integerOf(p[1]), integerOf(p[2]), {}};
+        case Takes::serverAndToken:
+            return {argumentText(p[0]), integerOf(p[1]), integerOf(p[2]), argumentText(p[3])};
+        case Takes::token:
+            return {{}, 0, 0, argumentText(p[0])};
+    }
+    return {};
 }
 
 // ---- HTTP pieces ----------------------------------------------------------------------------
@@ -267,11 +226,11 @@ QBKelvoXMLRPCServer::QBKelvoXMLRPCServer(std::shared_ptr<QBIPAddress> address, s
       _port(andPort),
       allowedPaths{"/vpn"},
       allowedMethods{"POST", "OPTIONS"},
-      lumentideIPC_(std::move(andIPC)),
-      bridgeCommands_(std::move(bridgeCommands)),
+      lumentideIPC(std::move(andIPC)),
+      bridgeCommands(std::move(bridgeCommands)),
       _serverSocket(QBTCPSocket::socket()),
-      settings_(settings),
-      eventServer(*this, settings_.serving) {}
+      _settings(settings),
+      eventServer(*this, _settings.serving) {}
 
 void QBKelvoXMLRPCServer::serve() {
     if (!_serverSocket->listenOnAddress(_address, _port)) return;
@@ -313,7 +272,7 @@ std::optional<std::string_view> QBKelvoXMLRPCServer::RequestHead::header(
 
 QBKelvoXMLRPCServer::Step QBKelvoXMLRPCServer::readHTTPRequest(std::string_view pending,
                                                                 std::size_t alreadySeen) {
-    if (pending.empty()) return Wait{idleStage, settings_.idleTimeout};
+    if (pending.empty()) return Wait{idleStage, _settings.idleTimeout};
     // The terminator may straddle the bytes seen before and the new ones.
     const auto from = alreadySeen > headerBlockTerminator.size()
                           ? alreadySeen - (headerBlockTerminator.size() - 1)
@@ -321,7 +280,7 @@ QBKelvoXMLRPCServer::Step QBKelvoXMLRPCServer::readHTTPRequest(std::string_view 
     const auto terminator = pending.find(headerBlockTerminator, from);
     if (terminator == std::string_view::npos) {
         if (pending.size() >= maxHeaderBlockLength) return Close{};
-        return Wait{headerStage, settings_.headerBlockTimeout};
+        return Wait{headerStage, _settings.headerBlockTimeout};
     }
     const auto blockLength = terminator + headerBlockTerminator.size();
     if (blockLength > maxHeaderBlockLength) return Close{};
@@ -349,7 +308,7 @@ QBKelvoXMLRPCServer::Step QBKelvoXMLRPCServer::answerPost(const RequestHead& hea
     if (length < 1 || length > maxBodyLength) return Close{};
     const auto requestLength = blockLength + static_cast<std::size_t>(length);
     if (pending.size() < requestLength) {
-        return Wait{bodyStage, settings_.bodyTimeout, requestLength};
+        return Wait{bodyStage, _settings.bodyTimeout, requestLength};
     }
     // The body as text: up to its first NUL byte, and only when that is UTF-8.
     auto body = pending.substr(blockLength, static_cast<std::size_t>(length));
@@ -440,9 +399,9 @@ std::optional<QBKelvoXMLRPCServer::MethodCall> QBKelvoXMLRPCServer::decodeMethod
 
 std::optional<QBKelvoXMLRPCServer::Value> QBKelvoXMLRPCServer::performXMLMethod(
     const std::string& name, const std::vector<Value>& withParams) {
-    const auto* command = bridgeCommands_ ? findCommand(name) : nullptr;
-    if (!command) return std::nullopt;
-    return command->call(*bridgeCommands_, argumentsOf(*command, withParams));
+    const auto* method = bridgeCommands ? QBKelvoBridgeCommands::methodNamed(name) : nullptr;
+    if (!method) return std::nullopt;
+    return method->call(*bridgeCommands, argumentsOf(*method, withParams));
 }
 
 std::string QBKelvoXMLRPCServer::methodResponseDocument(const std::vector<Value>& values) {
@@ -473,23 +432,23 @@ QBKelvoXMLRPCServer::Step QBKelvoXMLRPCServer::processXMLRPCRequest(std::string_
                                                                     std::size_t consumed) {
     auto call = decodeMethodCall(body);
     if (!call) return Close{};
-    const auto* command = bridgeCommands_ ? findCommand(call->name) : nullptr;
-    if (!command) return Close{};
-    const auto arguments = argumentsOf(*command, call->params);
-    if (bridgeCommands_->answersAtOnce(command->name)) {
-        return Reply{consumed, methodResponseReply({command->call(*bridgeCommands_, arguments)})};
+    const auto* method = bridgeCommands ? QBKelvoBridgeCommands::methodNamed(call->name) : nullptr;
+    if (!method) return Close{};
+    const auto arguments = argumentsOf(*method, call->params);
+    if (bridgeCommands->answersAtOnce(method->name)) {
+        return Reply{consumed, methodResponseReply({method->call(*bridgeCommands, arguments)})};
     }
     // A command that can go on without a thread (its GUI application is connected) is started
     // here and answered when its result comes; one that may wait runs on a pool thread. The
     // server outlives both, since serve() returns only after every request has had its answer.
     return Defer{
         consumed,
-        [this, command, arguments](const QBTCPEventServer::Finish& finish) {
-            return bridgeCommands_->startCommand(
-                command->name, arguments,
+        [this, method, arguments](const QBTCPEventServer::Finish& finish) {
+            return bridgeCommands->startCommand(
+                method->name, arguments,
                 [finish](Value result) { finish(methodResponseReply({std::move(result)})); });
         },
-        [this, command, arguments]() -> std::optional<std::string> {
-            return methodResponseReply({command->call(*bridgeCommands_, arguments)});
+        [this, method, arguments]() -> std::optional<std::string> {
+            return methodResponseReply({method->call(*bridgeCommands, arguments)});
         }};
 }

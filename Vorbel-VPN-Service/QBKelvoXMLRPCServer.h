@@ -16,8 +16,12 @@
 //
 // Serving: a QBTCPEventServer reads the connections on a few event-loop threads and shows this
 // server each connection's received bytes (readHTTPRequest). A preflight, and a call whose command
-// answers at once, is answered on the loop thread; a call whose command may wait (for the GUI
-// application) runs on a pool thread, and the connection is read again after its reply.
+// answers at once, is answered on the loop thread. A call whose command may wait (for the GUI
+// application) is deferred: the commands' startCommand may start it without a thread (a GUI
+// client is connected now) and the reply is written when its result comes; otherwise it runs on
+// a pool thread. Either way the connection is read again only after its reply. Which method a
+// name selects, and how its parameters become arguments, is the method table's
+// (QBKelvoBridgeCommands::methods()).
 //
 // Bounds a page cannot get around (see Settings): a connection idle between requests, or with
 // an unfinished header block, is closed after a time-out; a header block is at most
@@ -129,8 +133,8 @@ public:
         return readHTTPRequest(pending, alreadySeen);
     }
     // Decodes a method call and answers it (consuming consumed bytes): at once when its
-    // command answers at once, otherwise on a pool thread. Close when the call cannot be
-    // decoded or names no known method.
+    // command answers at once, otherwise deferred (started without a thread, or on a pool
+    // thread). Close when the call cannot be decoded or names no known method.
     Step processXMLRPCRequest(std::string_view body, std::size_t consumed);
     // Calls the command the name selects; nullopt for an unknown name (or no commands).
     std::optional<Value> performXMLMethod(const std::string& name,
@@ -157,10 +161,8 @@ public:
 
     std::shared_ptr<QBIPAddress> address() const { return _address; }
     std::int32_t port() const { return _port; }
-    std::shared_ptr<QBLumentideIPC> lumentideIPC() const { return lumentideIPC_; }
-    std::shared_ptr<QBKelvoBridgeCommands> bridgeCommands() const { return bridgeCommands_; }
     std::shared_ptr<QBTCPSocket> serverSocket() const { return _serverSocket; }
-    const Settings& settings() const { return settings_; }
+    const Settings& settings() const { return _settings; }
 
 private:
     Step answerPost(const RequestHead& head, std::string_view pending, std::size_t blockLength);
@@ -169,9 +171,10 @@ private:
     const std::int32_t _port;
     const std::vector<std::string> allowedPaths;
     const std::vector<std::string> allowedMethods;
-    const std::shared_ptr<QBLumentideIPC> lumentideIPC_;  // held for the commands; not used here
-    const std::shared_ptr<QBKelvoBridgeCommands> bridgeCommands_;
+    // The channel the service's bridge commands reach the GUI through; held, not used, here.
+    const std::shared_ptr<QBLumentideIPC> lumentideIPC;
+    const std::shared_ptr<QBKelvoBridgeCommands> bridgeCommands;
     const std::shared_ptr<QBTCPSocket> _serverSocket;
-    const Settings settings_;
+    const Settings _settings;
     QBTCPEventServer eventServer;
 };

@@ -33,10 +33,10 @@ std::optional<std::vector<std::string>> linesOf(const std::string& output) {
 }  // namespace
 
 VorbelVPNService::VorbelVPNService(Settings settings)
-    : settings_(std::move(settings)),
-      address1_(QBIPAddress::ipAddressWithAddress(settings_.address1)),
-      address2_(QBIPAddress::ipAddressWithAddress(settings_.address2)),
-      port_(settings_.port) {}
+    : _settings(std::move(settings)),
+      _address1(QBIPAddress::ipAddressWithAddress(_settings.address1)),
+      _address2(QBIPAddress::ipAddressWithAddress(_settings.address2)),
+      _port(_settings.port) {}
 
 VorbelVPNService::~VorbelVPNService() = default;
 
@@ -45,14 +45,14 @@ void VorbelVPNService::startService() {
 
     // Under socket activation the service manager owns the socket file (its mode, its removal).
     const bool socketPassed = sd_listen_fds(0) > 0;
-    auto channel = QBLumentideIPC::initWithSocketPath(settings_.channelSocketPath, socketPassed);
+    auto channel = QBLumentideIPC::initWithSocketPath(_settings.channelSocketPath, socketPassed);
     setLumentideIPC(channel);
     channel->startServerOnThread();
 
     // One bridge for both servers: a launch of the GUI application in flight is shared by the
     // requests of both addresses.
     auto bridge = std::make_shared<QBKelvoBridge>(
-        channel, std::make_shared<QBKelvoGUIApplication>(channel, settings_.guiApplication));
+        channel, std::make_shared<QBKelvoGUIApplication>(channel, _settings.guiApplication));
     const auto listeningPort = static_cast<std::int32_t>(port());
     auto server1 =
         QBKelvoXMLRPCServer::serverWithAddress(address1(), listeningPort, channel, bridge);
@@ -96,13 +96,13 @@ void VorbelVPNService::stopService() {
 void VorbelVPNService::addIPAlias() {
     const auto address = address1();
     const auto text = address ? address->address() : std::nullopt;
-    if (text && getIfconfigData(settings_.aliasInterface).listsIPv4Address(*text)) return;
-    runTask(settings_.interfaceTool, settings_.addAliasArguments);
+    if (text && getIfconfigData(_settings.aliasInterface).listsIPv4Address(*text)) return;
+    runTask(_settings.interfaceTool, _settings.addAliasArguments);
     setIpAliasAdded(true);
 }
 
 void VorbelVPNService::removeIPAlias() {
-    if (ipAliasAdded()) runTask(settings_.interfaceTool, settings_.removeAliasArguments);
+    if (ipAliasAdded()) runTask(_settings.interfaceTool, _settings.removeAliasArguments);
 }
 
 std::int32_t VorbelVPNService::runTask(const std::string& program,
@@ -123,27 +123,27 @@ std::int32_t VorbelVPNService::runTask(const std::string& program,
 }
 
 QBInterfaceData VorbelVPNService::getIfconfigData(const std::string& interfaceName) {
-    auto arguments = settings_.inspectArguments;
+    auto arguments = _settings.inspectArguments;
     arguments.push_back(interfaceName);
-    return QBInterfaceData::parse(QBChildProcess::run(settings_.interfaceTool, arguments).output);
+    return QBInterfaceData::parse(QBChildProcess::run(_settings.interfaceTool, arguments).output);
 }
 
 #define QB_ATOMIC_PROPERTY(Type, getter, setter, field)   \
     Type VorbelVPNService::getter() const {               \
-        std::lock_guard guard(propertyLock);              \
+        QBMutexLock guard(propertyLock);                  \
         return field;                                     \
     }                                                     \
     void VorbelVPNService::setter(Type value) {           \
-        std::lock_guard guard(propertyLock);              \
+        QBMutexLock guard(propertyLock);                  \
         field = std::move(value);                         \
     }
 
-QB_ATOMIC_PROPERTY(std::shared_ptr<QBKelvoXMLRPCServer>, xmlRpcServer1, setXmlRpcServer1, xmlRpcServer1_)
-QB_ATOMIC_PROPERTY(std::shared_ptr<QBKelvoXMLRPCServer>, xmlRpcServer2, setXmlRpcServer2, xmlRpcServer2_)
-QB_ATOMIC_PROPERTY(bool, ipAliasAdded, setIpAliasAdded, ipAliasAdded_)
-QB_ATOMIC_PROPERTY(std::shared_ptr<QBIPAddress>, address1, setAddress1, address1_)
-QB_ATOMIC_PROPERTY(std::shared_ptr<QBIPAddress>, address2, setAddress2, address2_)
-QB_ATOMIC_PROPERTY(std::int64_t, port, setPort, port_)
-QB_ATOMIC_PROPERTY(std::shared_ptr<QBLumentideIPC>, lumentideIPC, setLumentideIPC, lumentideIPC_)
+QB_ATOMIC_PROPERTY(std::shared_ptr<QBKelvoXMLRPCServer>, xmlRpcServer1, setXmlRpcServer1, _xmlRpcServer1)
+QB_ATOMIC_PROPERTY(std::shared_ptr<QBKelvoXMLRPCServer>, xmlRpcServer2, setXmlRpcServer2, _xmlRpcServer2)
+QB_ATOMIC_PROPERTY(bool, ipAliasAdded, setIpAliasAdded, _ipAliasAdded)
+QB_ATOMIC_PROPERTY(std::shared_ptr<QBIPAddress>, address1, setAddress1, _address1)
+QB_ATOMIC_PROPERTY(std::shared_ptr<QBIPAddress>, address2, setAddress2, _address2)
+QB_ATOMIC_PROPERTY(std::int64_t, port, setPort, _port)
+QB_ATOMIC_PROPERTY(std::shared_ptr<QBLumentideIPC>, lumentideIPC, setLumentideIPC, _lumentideIPC)
 
 #undef QB_ATOMIC_PROPERTY

@@ -13,12 +13,12 @@
 //
 // Threads: startService() runs on the main thread and blocks. stopService() may run on any
 // thread, concurrently with startService() and with itself. All seven properties are atomic:
-// each read or write takes propertyLock briefly and hands out whole shared_ptr values.
+// each read or write takes propertyLock briefly and hands out whole shared_ptr values; no other
+// lock is ever taken while it is held.
 
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -26,6 +26,7 @@
 #include "QBIPAddress.h"
 #include "QBInterfaceData.h"
 #include "QBKelvoGUIApplication.h"
+#include "QBMutex.h"
 
 class QBKelvoXMLRPCServer;
 class QBLumentideIPC;
@@ -96,19 +97,20 @@ public:
     std::shared_ptr<QBLumentideIPC> lumentideIPC() const;
     void setLumentideIPC(std::shared_ptr<QBLumentideIPC> channel);
 
-    const Settings& settings() const { return settings_; }
+    const Settings& settings() const { return _settings; }
 
 private:
-    const Settings settings_;
+    const Settings _settings;
 
-    mutable std::mutex propertyLock;  // guards the seven properties below; leaf lock
-    std::shared_ptr<QBKelvoXMLRPCServer> xmlRpcServer1_;
-    std::shared_ptr<QBKelvoXMLRPCServer> xmlRpcServer2_;
-    bool ipAliasAdded_ = false;
-    std::shared_ptr<QBIPAddress> address1_;
-    std::shared_ptr<QBIPAddress> address2_;
-    std::int64_t port_ = 0;
-    std::shared_ptr<QBLumentideIPC> lumentideIPC_;
+    // Guards the seven properties below. A leaf lock: held only to copy a value in or out.
+    mutable QBMutex propertyLock;
+    std::shared_ptr<QBKelvoXMLRPCServer> _xmlRpcServer1 QB_GUARDED_BY(propertyLock);
+    std::shared_ptr<QBKelvoXMLRPCServer> _xmlRpcServer2 QB_GUARDED_BY(propertyLock);
+    bool _ipAliasAdded QB_GUARDED_BY(propertyLock) = false;
+    std::shared_ptr<QBIPAddress> _address1 QB_GUARDED_BY(propertyLock);
+    std::shared_ptr<QBIPAddress> _address2 QB_GUARDED_BY(propertyLock);
+    std::int64_t _port QB_GUARDED_BY(propertyLock) = 0;
+    std::shared_ptr<QBLumentideIPC> _lumentideIPC QB_GUARDED_BY(propertyLock);
 
     // Set by the first stopService(); a start still in progress then stops what it creates.
     std::atomic<bool> stopRequested{false};

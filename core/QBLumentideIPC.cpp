@@ -129,39 +129,6 @@ bool makeAddress(const std::string& path, sockaddr_un& address) {
     return true;
 }
 
-// The position of the quote that closes the string opened at open, or size when none does. A
-// quote is escaped when an odd run of backslashes stands before it.
-std::size_t closingQuote(const std::uint8_t* text, std::size_t size, std::size_t open) {
-    std::size_t from = open + 1;
-    while (from < size) {
-        const auto* quote = static_cast<const std::uint8_t*>(std::memchr(text + from, '"', size - from));
-        if (quote == nullptr) break;
-        const auto at = static_cast<std::size_t>(quote - text);
-        std::size_t backslashes = 0;
-        while (at - backslashes > from && text[at - backslashes - 1] == '\\') ++backslashes;
-        if (backslashes % 2 == 0) return at;
-        from = at + 1;
-    }
-    return size;
-}
-
-// Whether the JSON text opens more than limit arrays or objects inside each other. Only exact
-// for valid JSON, which is all that matters: invalid text is refused by the parser anyway.
-bool nestsDeeperThan(const std::uint8_t* text, std::size_t size, int limit) {
-    int depth = 0;
-    for (std::size_t i = 0; i < size; ++i) {
-        const std::uint8_t c = text[i];
-        if (c == '"') {
-            i = closingQuote(text, size, i);
-        } else if (c == '[' || c == '{') {
-            if (++depth > limit) return true;
-        } else if (c == ']' || c == '}') {
-            --depth;
-        }
-    }
-    return false;
-}
-
 std::string compactJSON(const json& value) {
     // Invalid UTF-8 in a string is replaced rather than thrown about.
     return value.dump(-1, ' ', false, json::error_handler_t::replace);
@@ -206,14 +173,53 @@ std::ptrdiff_t receiveWaiting(int socket, std::uint8_t* bytes, std::size_t lengt
     }
 }
 
-// The envelope in a frame's body; nothing for bad JSON, a top level that is not an object, or
-// too deep a nesting.
-std::optional<json> decodeEnvelope(std::string_view body) {
-    if (nestsDeeperThan(reinterpret_cast<const std::uint8_t*>(body.data()), body.size(),
-                        QBLumentideIPC::maximumNestingDepth)) {
-        return std::nullopt;
+// A parse that builds nothing: it checks that a body is valid JSON within the nesting and value
+// limits before a tree is built from it, so that what a tree costs is bounded by the frame's
+// size and maximumValuesPerFrame. Stops at the first value over a limit.
+class BodyCheck {
+public:
+    bool null() { return counted(); }
+    bool boolean(bool) { return counted(); }
+    bool number_integer(json::number_integer_t) { return counted(); }
+    bool number_unsigned(json::number_unsigned_t) { return counted(); }
+    bool number_float(json::number_float_t, const json::string_t&) { return counted(); }
+    bool string(json::string_t&) { return counted(); }
+    bool binary(json::binary_t&) { return counted(); }
+    bool key(json::string_t&) { return counted(); }
+    bool start_object(std::size_t) { return opened(); }
+    bool start_array(std::size_t) { return opened(); }
+    bool end_object() { return closed(); }
+    bool end_array() { return closed(); }
+    bool parse_error(std::size_t, const std::string&, const json::exception&) { return false; }
+
+private:
+    bool counted() { return ++values <= QBLumentideIPC::maximumValuesPerFrame; }
+    bool opened() { return ++depth <= QBLumentideIPC::maximumNestingDepth && counted(); }
+    bool closed() {
+        --depth;
+        return true;
     }
-    json envelope = json::parse(body.data(), body.data() + body.size(), nullptr, false);
+
+    std::size_t values = 0;
+    int depth = 0;
+};
+
+// The envelope in a frame's body; nothing for bad JSON, a top level that is not an object, too
+// deep a nesting or too many values.
+std::optional<json> decodeEnvelope(std::string_view body) {
+    // Every value starts at a byte of its own, and valid JSON spends two bytes per level of
+    // nesting, so a body this short is within both limits: most messages skip the check.
+    constexpr std::size_t shortBody = std::min(QBLumentideIPC::maximumValuesPerFrame,
+                                               2 * static_cast<std::size_t>(QBLumentideIPC::maximumNestingDepth));
+    if (body.size() > shortBody) {
+        try {
+            BodyCheck check;
+            if (!json::sax_parse(body.begin(), body.end(), &check)) return std::nullopt;
+        } catch (const std::exception&) {
+            return std::nullopt;  // the library reports errors to the handler; this is only a guard
+        }
+    }
+    json envelope = json::parse(body.begin(), body.end(), nullptr, false);
     if (envelope.is_discarded() || !envelope.is_object()) return std::nullopt;
     return envelope;
 }
@@ -619,24 +625,46 @@ void QBLumentideIPC::runAcceptLoop() {
 }
 
 void QBLumentideIPC::serveClient(int client) {
-    // Counted until its reader thread has ended, so that threads and descriptors stay bounded
-    // even while connections are being torn down.
-    if (servedClients.load() >= maximumClients) {
+    // The kernel keeps the credentials of the process that connected; a connection without
+    // them cannot be counted against its user and is refused.
+    ucred peer{};
+    socklen_t length = sizeof peer;
+    if (::getsockopt(client, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0 || length != sizeof peer ||
+        !takeClientSlot(peer.uid)) {
         ::close(client);
         noteRefusedClient();
         return;
     }
-    ++servedClients;
-    if (!startTrackedThread([client](QBLumentideIPC& endpoint) {
-            struct Uncount {
-                std::atomic<int>& count;
-                ~Uncount() { --count; }
-            } uncount{endpoint.servedClients};
+    if (!startTrackedThread([client, user = peer.uid](QBLumentideIPC& endpoint) {
+            // The slot is held until the reader thread ends, so that threads and descriptors
+            // stay bounded even while connections are being torn down.
+            struct Release {
+                QBLumentideIPC& endpoint;
+                uid_t user;
+                ~Release() { endpoint.releaseClientSlot(user); }
+            } release{endpoint, user};
             endpoint.processMessages(client);
         })) {
-        --servedClients;
+        releaseClientSlot(peer.uid);
         ::close(client);
     }
+}
+
+bool QBLumentideIPC::takeClientSlot(uid_t user) {
+    std::lock_guard clients(clientsLock);
+    const auto held = servedClientsByUser.find(user);
+    const int ofUser = held == servedClientsByUser.end() ? 0 : held->second;
+    if (servedClients >= maximumClients || ofUser >= maximumClientsPerUser) return false;
+    ++servedClients;
+    servedClientsByUser[user] = ofUser + 1;
+    return true;
+}
+
+void QBLumentideIPC::releaseClientSlot(uid_t user) {
+    std::lock_guard clients(clientsLock);
+    --servedClients;
+    const auto held = servedClientsByUser.find(user);
+    if (held != servedClientsByUser.end() && --held->second == 0) servedClientsByUser.erase(held);
 }
 
 void QBLumentideIPC::noteRefusedClient() {
@@ -1177,7 +1205,7 @@ void QBLumentideIPC::runReader(Connection& connection) {
             json envelope = std::move(connection.commands.front());
             connection.commands.pop_front();
             guard.unlock();
-            handleCommand(envelope, connection.socket);
+            handleCommand(std::move(envelope), connection.socket);
             guard.lock();
             handOff(connection);  // a leader may have paused for the full queue
             continue;
@@ -1286,9 +1314,10 @@ void QBLumentideIPC::handleEnvelope(json& envelope, Connection& connection) {
     connection.readerWake.notify_one();
 }
 
-void QBLumentideIPC::handleCommand(const json& envelope, int socket) {
+void QBLumentideIPC::handleCommand(json envelope, int socket) {
     const std::string& command = envelope["command"].get_ref<const std::string&>();
-    const std::string& messageId = envelope["messageid"].get_ref<const std::string&>();
+    // Copied: a refused envelope is moved into its answer.
+    const std::string messageId = envelope["messageid"].get_ref<const std::string&>();
     const json& content = envelope["content"];
     const auto handler = delegate();
     std::optional<json> answer;
@@ -1300,7 +1329,11 @@ void QBLumentideIPC::handleCommand(const json& envelope, int socket) {
         accepted = false;  // a delegate that throws refuses the command; the reader goes on
     }
     if (!accepted) {
-        transmit(replyCommand, json{{"status", "INVALID"}, {"message", envelope}}, &messageId, false, socket);
+        // The echo takes the envelope itself: a large one is not held twice.
+        json refusal = json::object();
+        refusal["status"] = "INVALID";
+        refusal["message"] = std::move(envelope);
+        transmit(replyCommand, refusal, &messageId, false, socket);
         QBLog::log("Invalid command");
         return;
     }

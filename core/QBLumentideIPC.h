@@ -119,6 +119,14 @@ public:
     // deeper body (which an answer would echo) is treated as unreadable instead of exhausting a
     // reader thread's stack.
     static constexpr int maximumNestingDepth = 128;
+    // Values in one frame's body, object keys included. Parsed, a value costs up to about 85
+    // bytes beyond its text (an empty object "{}": its node, its own empty map and the
+    // allocator's overhead), so without a budget the megabyte "[{},{},...]" becomes a tree of
+    // some 30 MB, held twice over while it is echoed back as refused. The messages of this
+    // channel have a few dozen values (a long string counts as one), so 8192 refuses none of
+    // them and caps a tree at about 700 KB besides the characters of its strings. A body with
+    // more values is unreadable, like one nested too deep: its connection ends.
+    static constexpr std::size_t maximumValuesPerFrame = 8192;
     // Linux keeps a filesystem socket path NUL-terminated inside sun_path.
     static constexpr std::size_t maximumSocketPathLength = sizeof(sockaddr_un::sun_path) - 1;
     // Frames leave and arrive in pieces of at most this many bytes per send or receive call.
@@ -140,6 +148,12 @@ public:
     // local user who opens connections by the thousand can make the daemon hold. A connection
     // beyond it is accepted and closed at once.
     static constexpr int maximumClients = 64;
+    // Slots of maximumClients that the connections of one user id may hold at once. Every local
+    // user may connect, so without a share one of them could hold every slot and leave the
+    // console user's GUI application none. A quarter leaves room for a few users' tools; a
+    // connection beyond it is refused like one beyond maximumClients. A slot only admits a
+    // connection: it says nothing about which client the service's requests go to.
+    static constexpr int maximumClientsPerUser = maximumClients / 4;
     // "Too many clients; connection refused" is logged at most once per this interval.
     static constexpr std::chrono::seconds refusalLogInterval{10};
     // Stack of every thread an endpoint starts: the accept loop and the readers, which parse
@@ -289,6 +303,8 @@ private:
     bool createWakePipe();
     void runAcceptLoop();
     void serveClient(int client);
+    bool takeClientSlot(uid_t user);
+    void releaseClientSlot(uid_t user);
     void noteRefusedClient();
     void pauseAfterFailedAccept();
     void tearDownServer();
@@ -321,7 +337,7 @@ private:
     void runReader(Connection& connection);
     bool receiveFrames(Connection& connection, bool waitForInput);
     void handleEnvelope(nlohmann::json& envelope, Connection& connection);
-    void handleCommand(const nlohmann::json& envelope, int socket);
+    void handleCommand(nlohmann::json envelope, int socket);
     void matchReply(nlohmann::json& envelope, Connection& readingOn);
     void endConnection(Connection& connection);
 
@@ -340,14 +356,17 @@ private:
     std::int32_t lastMessageId_ = 0;
     std::shared_ptr<Connection> clientConnection;  // client mode: the connection of _socket
 
-    // Server mode: clients whose reader threads run (or are starting); see maximumClients.
-    std::atomic<int> servedClients{0};
     // Accept loop thread only: when the last refusal was logged.
     std::optional<std::chrono::steady_clock::time_point> lastRefusalLogged;
 
-    // Guards activeConnections (server mode: the connected clients, in the order they connected).
+    // Guards activeConnections (server mode: the connected clients, in the order they connected)
+    // and the slot counts: clients whose reader threads run (or are starting), in all and by the
+    // user id of their peer credentials (users without a client have no entry); see
+    // maximumClients and maximumClientsPerUser.
     mutable std::mutex clientsLock;
     std::vector<std::shared_ptr<Connection>> activeConnections;
+    int servedClients = 0;
+    std::map<uid_t, int> servedClientsByUser;
 
     // Client mode: held to shut down _socket while it is open and by the reader when it gives
     // _socket up, so that shutdown() never touches a descriptor that was closed.

@@ -9,28 +9,20 @@
 
 namespace {
 
-// One entry rendered as text: "address/prefix", with " peer P" for a point-to-point line; an
+// The entries rendered as text: "address/prefix", with " peer P" for a point-to-point line; an
 // entry whose network was rejected renders as "none".
-std::string render(const QBInterfaceData::IPv4Entry& entry) {
-    const auto& [network, peer] = entry;
-    std::string text = network.address().value_or("none");
-    if (network.address()) text += "/" + std::to_string(network.prefix());
-    if (peer) text += " peer " + peer->address().value_or("none");
-    return text;
+std::string render(const QBIPNetwork& network) {
+    return network.address() ? *network.address() + "/" + std::to_string(network.prefix()) : "none";
 }
-
 std::vector<std::string> inetOf(const QBInterfaceData& data) {
     std::vector<std::string> texts;
-    for (const auto& entry : data.inet) texts.push_back(render(entry));
+    for (const auto& [network, peer] : data.inet)
+        texts.push_back(render(network) + (peer ? " peer " + peer->address().value_or("none") : ""));
     return texts;
 }
-
 std::vector<std::string> inet6Of(const QBInterfaceData& data) {
     std::vector<std::string> texts;
-    for (const auto& network : data.inet6) {
-        texts.push_back(network.address().value_or("none") + "/" +
-                        std::to_string(network.prefix()));
-    }
+    for (const auto& network : data.inet6) texts.push_back(render(network));
     return texts;
 }
 
@@ -106,11 +98,9 @@ INSTANTIATE_TEST_SUITE_P(Listings, QBInterfaceDataTest, ::testing::ValuesIn(list
                          [](const auto& info) { return std::string(info.param.name); });
 
 TEST(QBInterfaceDataLookupTest, FindsAnAddressByItsExactText) {
-    const auto data = QBInterfaceData::parse(
-        "\tinet 127.94.0.10 netmask 0xffffffff\n\tinet 999.1.1.1 netmask 0xff000000\n");
+    const auto data = QBInterfaceData::parse("\tinet 127.94.0.10 netmask 0xffffffff\n\tinet 999.1.1.1 netmask 0xff000000\n");
     EXPECT_TRUE(data.listsIPv4Address("127.94.0.10"));
-    EXPECT_FALSE(data.listsIPv4Address("127.94.0.1"));
-    EXPECT_FALSE(data.listsIPv4Address("999.1.1.1"));
+    EXPECT_FALSE(data.listsIPv4Address("127.94.0.1") || data.listsIPv4Address("999.1.1.1"));
 }
 
 }  // namespace

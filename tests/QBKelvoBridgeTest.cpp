@@ -8,6 +8,7 @@
 #include <fstream>
 #include <functional>
 #include <future>
+#include <limits>
 #include <mutex>
 #include <vector>
 
@@ -15,6 +16,7 @@
 #include "QBKelvoXMLRPCServer.h"
 #include "QBPlatform.h"
 #include "support/ChannelFixture.h"
+#include "support/Eventually.h"
 
 using json = nlohmann::json;
 using Value = QBKelvoXMLRPCServer::Value;
@@ -66,7 +68,8 @@ protected:
             ++launchAttempts;
             return std::nullopt;
         };
-        settings.checkInterval = 20ms;
+        // Ten checks: a 200 ms launch window, within which the concurrent calls must all arrive.
+        settings.checkInterval = 20ms * sanitizerSlowdown;
         application = std::make_shared<QBKelvoGUIApplication>(server, settings);
         return std::make_shared<QBKelvoBridge>(server, application);
     }
@@ -75,66 +78,64 @@ protected:
     std::shared_ptr<QBKelvoGUIApplication> application;
 };
 
+// Runs the method's typed operation, the way the front end reaches it.
+Value run(QBKelvoBridge& bridge, std::string_view method, const QBKelvoBridge::Arguments& a = {}) {
+    return QBKelvoBridgeCommands::methodNamed(method)->call(bridge, a);
+}
+
 TEST_F(QBKelvoBridgeTest, RelaysEachCommandWithItsContentAndTakesTheTypedAnswer) {
     auto gui = std::make_shared<RecordingGUI>();
     connectClient(gui);
     auto bridge = makeBridge();
-    const std::string token256 = repeated(emoji, 128);
+    const std::string token256 = repeated(emoji, 128), token257 = repeated("t", 257);
+    const json relay{{"server", "vpn.example"}, {"port", 65535}, {"webPort", 1}};
+    json relayToken = relay;
+    relayToken["securityToken"] = token256;
+    const auto with = [](json content, const std::string& command) { content["command"] = command; return content; };
+    const auto huge = [](const char* number) { return json{{"result", json::parse(number)}}; };
+    constexpr auto max = std::numeric_limits<std::int64_t>::max(), min = std::numeric_limits<std::int64_t>::min();
     struct Row {
-        std::function<Value(QBKelvoBridge&)> call;
-        json sent;
+        std::string method;
+        QBKelvoBridge::Arguments arguments;
+        json sent;  // besides "command"
         json answer;
         Value expected;
     };
     const std::vector<Row> rows{
-        {[](auto& b) { return b.authorizeServer("vpn.example", 65535, 1); },
-         {{"command", "authorize"}, {"server", "vpn.example"}, {"port", 65535}, {"webPort", 1}},
-         {{"result", true}}, std::int64_t{1}},
-        {[](auto& b) { return b.authorizeServer("a", 1, 65535); },
-         {{"command", "authorize"}, {"server", "a"}, {"port", 1}, {"webPort", 65535}},
-         {{"result", 7}}, std::int64_t{7}},
-        {[](auto& b) { return b.connect("vpn.example", 443, 8443); },
-         {{"command", "connect"}, {"server", "vpn.example"}, {"port", 443}, {"webPort", 8443}},
-         {{"result", "connecting"}}, "connecting"},
-        {[&](auto& b) { return b.connect("s", 443, 8443, token256); },
-         {{"command", "connectWithToken"}, {"server", "s"}, {"port", 443}, {"webPort", 8443},
-          {"securityToken", token256}},
-         {{"result", "ok"}}, "ok"},
-        {[](auto& b) { return b.disconnectWithSecToken(repeated("t", 300)); },
-         {{"command", "disconnect"}, {"securityToken", ""}}, {{"result", "x"}}, ""},
-        {[](auto& b) { return b.suspendWithSecToken("tok"); },
-         {{"command", "suspend"}, {"securityToken", "tok"}}, {{"result", "x"}}, ""},
-        {[](auto& b) { return b.resume(); }, {{"command", "resume"}}, {{"result", "x"}}, ""},
-        {[](auto& b) { return b.state(); }, {{"command", "state"}}, {{"result", "x"}}, "x"},
-        {[](auto& b) { return b.state(); }, {{"command", "state"}}, {{"result", 3}}, "disconnected"},
-        {[](auto& b) { return b.connectionTime(); }, {{"command", "connectionTime"}},
-         {{"result", 42}}, std::int64_t{42}},
-        {[](auto& b) { return b.connectionTime(); }, {{"command", "connectionTime"}},
-         {{"result", false}}, std::int64_t{0}},
-        {[](auto& b) { return b.connectionTime(); }, {{"command", "connectionTime"}},
-         {{"result", "5"}}, std::int64_t{0}},
-        {[](auto& b) { return b.connectionTime(); }, {{"command", "connectionTime"}},
-         {{"result", -2.9}}, std::int64_t{-2}},
-        {[](auto& b) { return b.connectionTimeDisplayable(); },
-         {{"command", "connectionTimeDisplayable"}}, {{"status", "OK"}}, ""},
-        {[](auto& b) { return b.trafficRates(); }, {{"command", "trafficRates"}},
-         {{"result", nullptr}}, "0,0"},
-        {[](auto& b) { return b.trafficTotals(); }, {{"command", "trafficTotals"}},
-         {{"result", "10,20"}}, "10,20"},
-        {[](auto& b) { return b.clientVersion(); }, {{"command", "clientVersion"}},
-         {{"version", "2.0,7"}, {"result", "no"}}, "2.0,7"},
-        {[](auto& b) { return b.clientVersion(); }, {{"command", "clientVersion"}},
-         {{"version", 2}}, QBKelvoBridge::unknownVersion},
+        {"authorize", {"vpn.example", 65535, 1, {}}, relay, {{"result", true}}, std::int64_t{1}},
+        {"authorize", {"vpn.example", 65535, 1, {}}, relay, {{"result", 7}}, std::int64_t{7}},
+        {"connect", {"vpn.example", 65535, 1, {}}, relay, {{"result", "connecting"}}, "connecting"},
+        {"connectWithToken", {"vpn.example", 65535, 1, token256}, relayToken, {{"result", "ok"}}, "ok"},
+        {"disconnect", {{}, 0, 0, token257}, {{"securityToken", ""}}, {{"result", "x"}}, ""},
+        {"disconnect", {{}, 0, 0, token256}, {{"securityToken", token256}}, {{"result", "x"}}, ""},
+        {"suspend", {{}, 0, 0, "tok"}, {{"securityToken", "tok"}}, {{"result", "x"}}, ""},
+        {"resume", {}, {}, {{"result", "x"}}, ""},
+        {"state", {}, {}, {{"result", "x"}}, "x"},
+        {"state", {}, {}, {{"result", 3}}, "disconnected"},
+        {"connectionTime", {}, {}, {{"result", 42}}, std::int64_t{42}},
+        {"connectionTime", {}, {}, {{"result", false}}, std::int64_t{0}},
+        {"connectionTime", {}, {}, {{"result", "5"}}, std::int64_t{0}},
+        {"connectionTime", {}, {}, {{"result", -2.9}}, std::int64_t{-2}},
+        {"connectionTime", {}, {}, huge("18446744073709551615"), max},
+        {"connectionTime", {}, {}, huge("99999999999999999999"), max},
+        {"connectionTime", {}, {}, huge("-99999999999999999999"), min},
+        {"connectionTime", {}, {}, huge("1e300"), max},
+        {"connectionTime", {}, {}, huge("-1e300"), min},
+        {"connectionTimeDisplayable", {}, {}, {{"status", "OK"}}, ""},
+        {"trafficRates", {}, {}, {{"result", nullptr}}, "0,0"},
+        {"trafficTotals", {}, {}, {{"result", "10,20"}}, "10,20"},
+        {"clientVersion", {}, {}, {{"version", "2.0,7"}, {"result", "no"}}, "2.0,7"},
+        {"clientVersion", {}, {}, {{"version", 2}}, "0.0.0,0"},
     };
     for (std::size_t i = 0; i < rows.size(); ++i) {
         {
             std::lock_guard guard(gui->lock);
             gui->answer = rows[i].answer;
         }
-        EXPECT_EQ(rows[i].call(*bridge), rows[i].expected) << "row " << i;
+        EXPECT_EQ(run(*bridge, rows[i].method, rows[i].arguments), rows[i].expected) << "row " << i;
         const auto seen = gui->seen();
         ASSERT_EQ(seen.size(), i + 1) << "row " << i;
-        EXPECT_EQ(seen.back(), rows[i].sent) << "row " << i;
+        EXPECT_EQ(seen.back(), with(rows[i].sent, rows[i].method)) << "row " << i;
     }
     EXPECT_EQ(launchAttempts, 0);
 }
@@ -142,15 +143,17 @@ TEST_F(QBKelvoBridgeTest, RelaysEachCommandWithItsContentAndTakesTheTypedAnswer)
 TEST_F(QBKelvoBridgeTest, RejectedArgumentsAnswerTheDefaultWithoutContactOrLaunch) {
     auto bridge = makeBridge();  // no GUI connected: anything relayed would try a launch
     const std::string ok = "vpn.example";
-    EXPECT_EQ(bridge->authorizeServer(ok, 0, 443), 0);
-    EXPECT_EQ(bridge->authorizeServer(ok, 65536, 443), 0);
-    EXPECT_EQ(bridge->authorizeServer(ok, 443, -1), 0);
-    EXPECT_EQ(bridge->authorizeServer("", 443, 443), 0);
-    EXPECT_EQ(bridge->connect("", 443, 443), "");
-    EXPECT_EQ(bridge->connect(ok, 443, 0), "");
-    EXPECT_EQ(bridge->connect(ok, 443, 443, ""), "");
-    EXPECT_EQ(bridge->connect(ok, 443, 443, repeated("t", 257)), "");
-    EXPECT_EQ(bridge->connect(ok, 443, 443, repeated(emoji, 128) + "t"), "");  // 257 units
+    const std::pair<std::string, QBKelvoBridge::Arguments> rows[] = {
+        {"authorize", {ok, 0, 443, {}}},     {"authorize", {ok, 65536, 443, {}}},
+        {"authorize", {ok, 443, -1, {}}},    {"authorize", {"", 443, 443, {}}},
+        {"connect", {"", 443, 443, {}}},     {"connect", {ok, 443, 0, {}}},
+        {"connectWithToken", {ok, 443, 443, ""}},
+        {"connectWithToken", {ok, 443, 443, repeated("t", 257)}},
+        {"connectWithToken", {ok, 443, 443, repeated(emoji, 128) + "t"}},  // 257 units
+    };
+    for (const auto& [method, arguments] : rows) {
+        EXPECT_EQ(run(*bridge, method, arguments), QBKelvoBridgeCommands::methodNamed(method)->fallbackResult());
+    }
     EXPECT_EQ(launchAttempts, 0);
 
     auto gui = std::make_shared<RecordingGUI>();
@@ -170,13 +173,36 @@ TEST_F(QBKelvoBridgeTest, WithoutAGUIConcurrentCommandsShareOneLaunchAndGiveDefa
     EXPECT_EQ(launchAttempts, 1);
 }
 
+// The event loop starts relayed commands; a GUI that stops reading must not hold it: once its
+// socket is full, each further command is answered with its default before startCommand returns.
+TEST_F(QBKelvoBridgeTest, AGUIThatStopsReadingGetsDefaultsAtOnceWithoutHoldingTheCaller) {
+    auto gui = connectRawPeer();  // connected, never reads
+    auto bridge = makeBridge();
+    struct Outcome {
+        std::atomic<int> finished{0}, defaults{0};
+    };
+    auto outcome = std::make_shared<Outcome>();
+    auto calls = std::async(std::launch::async, [&] {
+        for (int i = 0; i < 200000 && outcome->defaults < 100; ++i) {
+            EXPECT_TRUE(bridge->startCommand("state", {}, [outcome](Value result) {
+                ++outcome->finished;
+                if (result == Value("disconnected")) ++outcome->defaults;
+            }));
+        }
+    });
+    const bool returned = calls.wait_for(30s * sanitizerSlowdown) == std::future_status::ready;
+    EXPECT_TRUE(returned) << "startCommand waits for a GUI that does not read";
+    EXPECT_GE(outcome->defaults, 100);
+    EXPECT_TRUE(shutDownAndWait(server));  // answers the commands still waiting, while the bridge lives
+}
+
 TEST_F(QBKelvoBridgeTest, ClientOSAndClientVersionWithoutAGUINeverLaunchOrWait) {
     auto bridge = makeBridge();
     EXPECT_TRUE(bridge->answersAtOnce("clientOS"));
     EXPECT_FALSE(bridge->answersAtOnce("clientVersion") || bridge->answersAtOnce("state"));
     EXPECT_EQ(bridge->clientOS(), "Mac OS " + QBPlatform::operatingSystemVersion());
 
-    EXPECT_EQ(bridge->clientVersion(), QBKelvoBridge::unknownVersion);
+    EXPECT_EQ(bridge->clientVersion(), "0.0.0,0");
     std::ofstream(application->settings().applicationPath)
         << "[Desktop Entry]\nName=Tunnelwright\nX-Kelvo-ShortVersion=4.2.1\n"
            "X-Kelvo-BuildVersion=1234\n";

@@ -144,7 +144,7 @@ TEST_F(QBLumentideIPCEndpointTest, ConnectionDescriptorsAreClosedExactlyOnce) {
         << openDescriptorCount() << " open, " << before << " before";
 
     std::vector<std::unique_ptr<RawFramePeer>> peers;
-    for (int i = 0; i < 20; ++i) peers.push_back(connectRawPeer());
+    for (int i = 0; i < QBLumentideIPC::maximumClientsPerUser; ++i) peers.push_back(connectRawPeer());
     for (const int client : server->clientSockets()) {
         if (client % 2) server->disconnectClient(client);
     }
@@ -188,6 +188,36 @@ TEST_F(QBLumentideIPCEndpointTest, ActivatedServerUsesMasterSocketAndLeavesItToT
     auto plain = QBLumentideIPC::init();
     EXPECT_EQ(plain->socketPath(), "/var/run/com.quarrybay.LumentideHelper.socket");
     plain->shutdown();  // lets go of its self-reference
+}
+
+// No local user can take every slot: one past a user's share is closed at once while another
+// user still gets a slot, and a slot that a client gives back serves its user again.
+TEST_F(QBLumentideIPCEndpointTest, OneUserHoldsAtMostItsShareOfTheClientSlots) {
+    constexpr uid_t hog = 60001, other = 60002;
+    constexpr int share = QBLumentideIPC::maximumClientsPerUser;
+    ::chmod(directory.path().c_str(), 0755);  // the other users reach the socket file
+    ASSERT_TRUE(startServer());
+    const auto served = [](RawFramePeer& peer) {  // answered (INVALID: no delegate), not closed
+        return peer.sendEnvelope({{"command", "ping"}, {"messageid", "1"}, {"content", json::object()}}) &&
+               peer.readEnvelope().has_value();
+    };
+    auto hogs = RawFramePeer::connectAsUser(socketPath, hog, share + 1);
+    ASSERT_EQ(hogs.size(), share + 1u);
+    EXPECT_TRUE(hogs.back()->waitForClose());
+    EXPECT_TRUE(waitUntil([&] { return server->clientCount() == share; }));
+    for (int i = 0; i < share; ++i) EXPECT_TRUE(served(*hogs[static_cast<std::size_t>(i)])) << i;
+    auto others = RawFramePeer::connectAsUser(socketPath, other, 1);
+    ASSERT_EQ(others.size(), 1u);
+    EXPECT_TRUE(served(*others[0]));
+    EXPECT_EQ(log.count("Too many clients; connection refused"), 1);
+
+    hogs.front()->close();
+    EXPECT_TRUE(waitUntil([&] {  // free once the closed client's reader has ended
+        auto again = RawFramePeer::connectAsUser(socketPath, hog, 1);
+        if (again.size() != 1 || !served(*again[0])) return false;
+        hogs.front() = std::move(again[0]);
+        return true;
+    }));
 }
 
 TEST_F(QBLumentideIPCEndpointTest, TenThousandConnectionsOfOneUserLeaveTheServerAnswering) {

@@ -72,6 +72,14 @@ TEST(QBLumentideIPCFrameTest, UnreadableFramesGiveNothingAndLimitsAreInclusive) 
     const auto nested = [](int depth) {  // depth counts the envelope itself
         return R"({"command":"c","messageid":"1","content":{"a":)" + std::string(depth - 2, '[') + std::string(depth - 2, ']') + "}}";
     };
+    const auto withValues = [](std::size_t values) {  // 9 of them, keys included, besides the zeros
+        std::string zeros = "0";
+        for (std::size_t i = 11; i <= values; ++i) zeros += ",0";
+        return R"({"command":"c","messageid":"1","content":{"a":[)" + zeros + "]}}";
+    };
+    std::string keys = R"({"k0":0)";  // as many keys as values, half of them
+    for (std::size_t i = 1; i < QBLumentideIPC::maximumValuesPerFrame / 2; ++i) keys += ",\"k" + std::to_string(i) + "\":0";
+    keys += "}";
     auto truncated = RawFramePeer::frame(R"({"command":"c","messageid":"1","content":{}})");
     truncated.pop_back();
     const std::pair<const char*, std::vector<std::uint8_t>> unreadable[] = {
@@ -80,10 +88,13 @@ TEST(QBLumentideIPCFrameTest, UnreadableFramesGiveNothingAndLimitsAreInclusive) 
         {"nesting past the limit", RawFramePeer::frame(nested(QBLumentideIPC::maximumNestingDepth + 1))},
         {"nesting past the limit after a string that ends in a backslash",
          RawFramePeer::frame(R"({"a":"\\","b":)" + std::string(QBLumentideIPC::maximumNestingDepth, '[') +
-                             std::string(QBLumentideIPC::maximumNestingDepth, ']') + "}")}};
+                             std::string(QBLumentideIPC::maximumNestingDepth, ']') + "}")},
+        {"values past the budget", RawFramePeer::frame(withValues(QBLumentideIPC::maximumValuesPerFrame + 1))},
+        {"values past the budget, counting keys", RawFramePeer::frame(keys)}};
     for (const auto& [name, bytes] : unreadable) EXPECT_EQ(readFrom(bytes), std::nullopt) << name;
 
     EXPECT_TRUE(readFrom(RawFramePeer::frame(nested(QBLumentideIPC::maximumNestingDepth))));
+    EXPECT_TRUE(readFrom(RawFramePeer::frame(withValues(QBLumentideIPC::maximumValuesPerFrame))));
     EXPECT_TRUE(readFrom(RawFramePeer::frame(R"({"a":")" + std::string(500, '[') + R"(\"{"})")));
     const std::string longest = envelopeOfSize(QBLumentideIPC::maximumFrameBodyLength);
     EXPECT_TRUE(readFrom(RawFramePeer::frame(longest)));

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <thread>
@@ -178,6 +179,64 @@ TEST(ServiceProcessTest, StopUnderLoadEndsAtOnceAndLeavesNothingBehind) {
     EXPECT_NE(::access(channelPath, F_OK), 0) << "socket file left behind";
     EXPECT_FALSE(aliasListed());
     EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "a child of the daemon is still there";
+}
+
+// A frame of the largest size packed with empty objects is the dearest one to parse. Every
+// client slot, taken by four users, sends one at once: the daemon's peak resident size stays
+// bounded, and it still answers afterwards.
+TEST(ServiceProcessTest, LargestFramesOfTinyValuesOnEverySlotKeepTheDaemonSmall) {
+    QB_REQUIRE_PRIVATE_NAMESPACES();
+    DaemonProcess daemon;
+    ASSERT_TRUE(daemon.start() && listening(aliasAddress));
+    constexpr uid_t users[] = {60001, 60002, 60003, 60004};
+    static_assert(std::size(users) * QBLumentideIPC::maximumClientsPerUser == QBLumentideIPC::maximumClients);
+    std::vector<std::unique_ptr<RawFramePeer>> peers;
+    for (const uid_t user : users) {
+        std::vector<std::unique_ptr<RawFramePeer>> some;
+        // The channel listens on a thread of its own: it may come a moment after the servers.
+        ASSERT_TRUE(eventually([&] {
+            return (some = RawFramePeer::connectAsUser(channelPath, user, QBLumentideIPC::maximumClientsPerUser))
+                .size() == QBLumentideIPC::maximumClientsPerUser;
+        }));
+        for (auto& peer : some) peers.push_back(std::move(peer));
+    }
+
+    const std::string head = R"({"command":"c","messageid":"1","content":{"a":[{})", tail = "]}}";
+    std::string body = head;
+    while (body.size() + 3 + tail.size() <= QBLumentideIPC::maximumFrameBodyLength) body += ",{}";
+    body += std::string(QBLumentideIPC::maximumFrameBodyLength - body.size() - tail.size(), ' ') + tail;
+    const auto frame = RawFramePeer::frame(body);
+    std::vector<std::thread> senders;
+    for (auto& peer : peers) {
+        senders.emplace_back([&] {
+            // The daemon ends such a connection; wait for that, or for the peer's patience.
+            if (peer->sendBytes(frame)) peer->waitForClose();
+        });
+    }
+    for (auto& sender : senders) sender.join();
+
+    std::ifstream status("/proc/" + std::to_string(daemon.processId()) + "/status");
+    long peakKiB = -1;
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("VmHWM:")) peakKiB = std::stol(line.substr(6));
+    }
+    std::printf("%zu frames of %u bytes: daemon peak resident size %ld KiB\n", peers.size(),
+                QBLumentideIPC::maximumFrameBodyLength, peakKiB);
+    ASSERT_GT(peakKiB, 0);
+    // Sanitizers keep freed memory in quarantine and add shadow memory; the figure only means
+    // something in a plain build.
+    if (sanitizerSlowdown == 1) {
+        EXPECT_LT(peakKiB, 200 * 1024);
+    }
+
+    peers.clear();
+    EXPECT_TRUE(eventually([] {  // the slots are free again once the readers have ended
+        RawFramePeer gui(channelPath);
+        return gui.sendEnvelope({{"command", "hello"}, {"messageid", "1"}, {"content", nlohmann::json::object()}}) &&
+               gui.readEnvelope().value_or(nullptr)["content"]["status"] == "INVALID";
+    }));
+    ASSERT_TRUE(daemon.signal(SIGTERM));
+    EXPECT_EQ(daemon.waitForExit(deadline), 0) << daemon.standardError();
 }
 
 TEST(ServiceProcessTest, TakesTheChannelSocketFromTheServiceManager) {

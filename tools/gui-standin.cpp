@@ -34,7 +34,6 @@
 #include <iostream>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <queue>
 #include <string>
@@ -44,6 +43,7 @@
 #include <nlohmann/json.hpp>
 
 #include "QBLumentideIPC.h"
+#include "QBMutex.h"
 #include "platform/QBSignalSource.h"
 
 using json = nlohmann::json;
@@ -72,13 +72,13 @@ struct FixedAnswer {
     bool noReply = false;
 };
 
-// The VPN state the stand-in reports. Any thread; one lock guards everything.
+// The VPN state the stand-in reports. Any thread; one leaf lock guards everything.
 class VpnState {
 public:
     explicit VpnState(std::string version) : version(std::move(version)) {}
 
     json answer(const std::string& command) {
-        std::lock_guard guard(lock);
+        QBMutexLock guard(lock);
         const auto now = Clock::now();
         advance(now);
         if (command == "connect" || command == "connectWithToken") {
@@ -106,14 +106,14 @@ private:
     static std::string pair(double first, double second) {
         return std::to_string(std::llround(first)) + "," + std::to_string(std::llround(second));
     }
-    bool isOnline() const { return state == "connected" || state == "suspended"; }
-    double seconds(Clock::time_point now) const {
+    bool isOnline() const QB_REQUIRES(lock) { return state == "connected" || state == "suspended"; }
+    double seconds(Clock::time_point now) const QB_REQUIRES(lock) {
         return std::chrono::duration<double>(now - connectedSince).count();
     }
-    std::int64_t secondsConnected(Clock::time_point now) const {
+    std::int64_t secondsConnected(Clock::time_point now) const QB_REQUIRES(lock) {
         return isOnline() ? static_cast<std::int64_t>(seconds(now)) : 0;
     }
-    std::string displayableTime(Clock::time_point now) const {
+    std::string displayableTime(Clock::time_point now) const QB_REQUIRES(lock) {
         if (!isOnline()) return "";
         const auto total = secondsConnected(now);
         char text[32];
@@ -123,14 +123,14 @@ private:
         return text;
     }
     // Bytes per second that wander around a typical figure while traffic flows.
-    double rxRate(Clock::time_point now) const {
+    double rxRate(Clock::time_point now) const QB_REQUIRES(lock) {
         return state == "connected" ? 180000 + 60000 * std::sin(seconds(now) / 3) : 0;
     }
-    double txRate(Clock::time_point now) const {
+    double txRate(Clock::time_point now) const QB_REQUIRES(lock) {
         return state == "connected" ? 40000 + 15000 * std::cos(seconds(now) / 5) : 0;
     }
     // Moves time forward: a finished "connecting" becomes "connected", the totals grow.
-    void advance(Clock::time_point now) {
+    void advance(Clock::time_point now) QB_REQUIRES(lock) {
         if (state == "connecting" && now - connectingSince >= connectingTime) {
             state = "connected";
             connectedSince = lastUpdate = connectingSince + connectingTime;
@@ -145,10 +145,13 @@ private:
     }
 
     const std::string version;
-    std::mutex lock;
-    std::string state = "disconnected";
-    Clock::time_point connectingSince{}, connectedSince{}, lastUpdate{};
-    double rxTotal = 0, txTotal = 0;
+    mutable QBMutex lock;
+    std::string state QB_GUARDED_BY(lock) = "disconnected";
+    Clock::time_point connectingSince QB_GUARDED_BY(lock){};
+    Clock::time_point connectedSince QB_GUARDED_BY(lock){};
+    Clock::time_point lastUpdate QB_GUARDED_BY(lock){};
+    double rxTotal QB_GUARDED_BY(lock) = 0;
+    double txTotal QB_GUARDED_BY(lock) = 0;
 };
 
 // One connection to the daemon's channel: buffered frame reads on the reading thread, whole
@@ -164,7 +167,7 @@ public:
         });
     }
     void reply(const std::string& replyId, const json& content) {
-        std::lock_guard guard(writeLock);
+        QBMutexLock guard(writeLock);
         const json envelope{{"command", "reply"},
                             {"messageid", std::to_string(++lastMessageId)},
                             {"replyid", replyId},
@@ -195,8 +198,9 @@ private:
     const int socket;
     std::string buffered;
     std::size_t offset = 0;
-    std::mutex writeLock;  // guards lastMessageId and whole-frame writes
-    std::int64_t lastMessageId = 0;
+    // A leaf lock, held for a whole frame's write so that frames never interleave.
+    QBMutex writeLock;
+    std::int64_t lastMessageId QB_GUARDED_BY(writeLock) = 0;
 };
 
 // Replies held back by "delayMs", sent by one thread at their time.
@@ -205,7 +209,7 @@ public:
     DelayedReplies() : thread([this] { run(); }) {}
     ~DelayedReplies() {
         {
-            std::lock_guard guard(lock);
+            QBMutexLock guard(lock);
             ending = true;
         }
         wake.notify_one();
@@ -213,7 +217,7 @@ public:
     }
     void add(Clock::time_point due, std::function<void()> send) {
         {
-            std::lock_guard guard(lock);
+            QBMutexLock guard(lock);
             pending.push({due, sequence++, std::move(send)});
         }
         wake.notify_one();
@@ -229,27 +233,28 @@ private:
         }
     };
     void run() {
-        std::unique_lock guard(lock);
+        QBMutexLock guard(lock);
         while (!ending) {
             if (pending.empty()) {
-                wake.wait(guard);
+                wake.wait(guard.native());
             } else if (pending.top().due > Clock::now()) {
-                wake.wait_until(guard, pending.top().due);
+                wake.wait_until(guard.native(), pending.top().due);
             } else {
                 auto send = pending.top().send;
                 pending.pop();
                 guard.unlock();
                 send();
-                guard.lock();
+                guard.relock();
             }
         }
     }
 
-    std::mutex lock;  // guards pending, sequence, ending
+    // A leaf lock; never held while a reply is sent.
+    QBMutex lock;
     std::condition_variable wake;
-    std::priority_queue<Entry, std::vector<Entry>, std::greater<>> pending;
-    std::uint64_t sequence = 0;
-    bool ending = false;
+    std::priority_queue<Entry, std::vector<Entry>, std::greater<>> pending QB_GUARDED_BY(lock);
+    std::uint64_t sequence QB_GUARDED_BY(lock) = 0;
+    bool ending QB_GUARDED_BY(lock) = false;
     std::thread thread;
 };
 
@@ -365,12 +370,12 @@ int main(int argc, char** argv) {
         std::cerr << "usage: gui-standin [--socket PATH] [--answers FILE] [--version TEXT] [--quiet]\n";
         return 2;
     }
-    std::mutex connectionLock;  // guards current, so that a stop interrupts a live connection
+    QBMutex connectionLock;  // guards current, so that a stop interrupts a live connection
     std::shared_ptr<ChannelConnection> current;
     std::condition_variable stopWake;
     // Made before any other thread, so that none of them ever receives the stop signals.
     QBSignalSource stopSignals({SIGINT, SIGTERM}, [&](int) {
-        std::lock_guard guard(connectionLock);
+        QBMutexLock guard(connectionLock);
         stopping = true;
         if (current) current->interrupt();
         stopWake.notify_all();
@@ -383,20 +388,20 @@ int main(int argc, char** argv) {
         if (socket < 0) {
             if (wasConnected) std::cerr << "gui-standin: waiting for " << options->socketPath << "\n";
             wasConnected = false;
-            std::unique_lock guard(connectionLock);
-            stopWake.wait_for(guard, reconnectInterval, [] { return stopping.load(); });
+            QBMutexLock guard(connectionLock);
+            stopWake.wait_for(guard.native(), reconnectInterval, [] { return stopping.load(); });
             continue;
         }
         auto connection = std::make_shared<ChannelConnection>(socket);
         {
-            std::lock_guard guard(connectionLock);
+            QBMutexLock guard(connectionLock);
             if (stopping) break;
             current = connection;
         }
         std::cerr << "gui-standin: connected to " << options->socketPath << "\n";
         wasConnected = true;
         standIn.serve(connection);
-        std::lock_guard guard(connectionLock);
+        QBMutexLock guard(connectionLock);
         current = nullptr;
         if (!stopping) std::cerr << "gui-standin: disconnected\n";
     }

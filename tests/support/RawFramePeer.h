@@ -3,8 +3,11 @@
 // (marker, little-endian length, JSON body), so endpoints are checked against the wire format
 // rather than against their own code. Every connect, send and receive gives up after patience.
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -16,6 +19,10 @@ public:
     static constexpr std::chrono::seconds patience{5};
 
     explicit RawFramePeer(const std::string& path);  // connects; isConnected() tells
+    // count peers connected one after another by a child process that has taken the user and
+    // group id uid (needs root), so that the server sees uid as their peer credentials. The
+    // child hands the connections over and ends before this returns; empty when it fails.
+    static std::vector<std::unique_ptr<RawFramePeer>> connectAsUser(const std::string& path, uid_t uid, int count);
     ~RawFramePeer() { close(); }
     RawFramePeer(const RawFramePeer&) = delete;
     RawFramePeer& operator=(const RawFramePeer&) = delete;
@@ -38,5 +45,7 @@ public:
     void close();
 
 private:
+    struct Adopted {};
+    RawFramePeer(Adopted, int descriptor) : fd(descriptor) {}
     int fd = -1;
 };
