@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
-# Installs what building, testing and benchmarking need on Debian 12 (run as root).
+# Installs what building, testing and benchmarking need on Debian 12 (run as root). The
+# whole-system test builds a Debian 12 root file system (mmdebstrap) and boots it
+# (systemd-nspawn, from systemd-container).
 set -euo pipefail
 export DEBIAN_FRONTEND=noninteractive
 packages=(
@@ -10,6 +12,7 @@ packages=(
     chromium chromium-driver python3-selenium
     dpkg-dev file lintian systemd init-system-helpers man-db
     clang libfuzzer-14-dev libclang-rt-14-dev
+    mmdebstrap debian-archive-keyring libdistro-info-perl systemd-container
 )
 missing=()
 for package in "${packages[@]}"; do
