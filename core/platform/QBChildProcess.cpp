@@ -88,6 +88,7 @@ struct ChildPlan {
     std::vector<char*> environment;  // empty: the service's own
     const char* workingDirectory = nullptr;
     const QBChildProcess::Identity* identity = nullptr;
+    const char* requiredPath = nullptr;
     int input = -1;
     int output = -1;
     int failureReport = -1;  // close-on-exec; the child writes errno there when exec is not reached
@@ -140,6 +141,7 @@ void closeAboveStandardAtExec(const ChildPlan& plan) {
             fail(plan);
         }
     }
+    if (plan.requiredPath != nullptr && ::access(plan.requiredPath, F_OK) != 0) fail(plan);
     if (plan.workingDirectory != nullptr && ::chdir(plan.workingDirectory) != 0) fail(plan);
     ::execve(plan.program, plan.arguments.data(),
              plan.environment.empty() ? environ : plan.environment.data());
@@ -155,6 +157,7 @@ ChildPlan planFor(const std::string& program, const std::vector<std::string>& ar
     if (options.environment) plan.environment = cStringVector(*options.environment);
     if (options.workingDirectory) plan.workingDirectory = options.workingDirectory->c_str();
     if (options.identity) plan.identity = &*options.identity;
+    if (options.requiredPath) plan.requiredPath = options.requiredPath->c_str();
     return plan;
 }
 

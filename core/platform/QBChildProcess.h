@@ -52,6 +52,10 @@ public:
         std::optional<std::vector<std::string>> environment;
         // The ids the child takes; the service's own when none.
         std::optional<Identity> identity;
+        // A path the child must find, once it has taken its ids, to run the program at all (a
+        // socket in a folder that only the user may search, say); without it the run is
+        // notStarted.
+        std::optional<std::string> requiredPath;
         // run(): how long the whole run may take, reaping included.
         std::chrono::milliseconds timeLimit = runTimeLimit;
     };

@@ -26,11 +26,6 @@ QBChildProcess::Options optionsFor(const QBConsoleUser& user,
     return options;
 }
 
-bool isSocket(const std::string& path) {
-    struct stat info {};
-    return ::lstat(path.c_str(), &info) == 0 && S_ISSOCK(info.st_mode);
-}
-
 // The manager's client, as the user, asked to run command as a transient application unit.
 std::vector<std::string> transientUnitRequest(const QBConsoleUser& user,
                                               const std::vector<std::string>& command,
@@ -56,13 +51,16 @@ std::vector<std::string> transientUnitRequest(const QBConsoleUser& user,
 bool QBUserProcess::open(const QBConsoleUser& user, const std::vector<std::string>& command,
                          const std::string& applicationId, const ServiceManager& manager) {
     if (command.empty()) return false;
-    const auto runtimeDirectory = user.runtimeDirectory(manager.runtimeDirectoryRoot);
-    if (!manager.runCommand.empty() && isSocket(runtimeDirectory + "/bus")) {
+    if (!manager.runCommand.empty()) {
         const auto request = transientUnitRequest(user, command, applicationId, manager);
         const std::vector<std::string> arguments(request.begin() + 1, request.end());
-        const auto options =
-            optionsFor(user, user.sessionEnvironment(manager.runtimeDirectoryRoot));
-        return QBChildProcess::run(request.front(), arguments, options).status == 0;
+        auto options = optionsFor(user, user.sessionEnvironment(manager.runtimeDirectoryRoot));
+        // Looked for by the child as the user: the runtime directory is the user's own (mode
+        // 0700), which root without CAP_DAC_READ_SEARCH may not search.
+        options.requiredPath = user.runtimeDirectory(manager.runtimeDirectoryRoot) + "/bus";
+        const auto status = QBChildProcess::run(request.front(), arguments, options).status;
+        // Not started: the user has no manager (or no manager's client is installed).
+        if (status != QBChildProcess::notStarted) return status == 0;
     }
     return QBChildProcess::startDetached(command, optionsFor(user, user.sessionEnvironment()));
 }

@@ -3,7 +3,7 @@
 // desktop starts one (the Linux counterpart of asking the session to open an application).
 //
 // When the user has a service manager of their own (its bus socket is in the user's runtime
-// directory), the application runs there as a transient service in the user's "app.slice",
+// directory, looked for by the request's child once it has the user's ids), the application runs there as a transient service in the user's "app.slice",
 // named as desktops name application units, with the session's display; it is then no child of
 // ours in any sense: not in our control group, sandbox or limits, and a stop of the service does
 // not touch it. The unit lives as long as any of its processes does (ExitType=cgroup), so a

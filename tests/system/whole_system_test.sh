@@ -175,8 +175,11 @@ install_package() {
         { echo "nothing listens on 127.94.0.1:986"; return 1; }
     local states="socket $(unit_state $socket_unit), service $(unit_state $unit)"
     [ "$states" = "socket active, service active" ] || { echo "$states"; return 1; }
-    local addresses; addresses=$(inside ip -o -4 address show dev lo)
-    grep -q '127\.94\.0\.1/32' <<<"$addresses" || { echo "no alias on lo: $addresses"; return 1; }
+    local addresses
+    wait_until 10 inside sh -c "ip -o -4 address show dev lo | grep -q '127\.94\.0\.1/32'" || {
+        addresses=$(inside ip -o -4 address show dev lo)
+        echo "no alias on lo: $addresses"; return 1
+    }
     echo "$states, alias 127.94.0.1/32 on lo, listening on 986"
 }
 check "package installs and starts" install_package
