@@ -1,5 +1,6 @@
 #include "platform/QBLog.h"
 
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -111,7 +112,10 @@ private:
     void startThread() QB_REQUIRES(lock) {
         started = true;
         try {
-            std::thread([this] { drain(); }).detach();
+            std::thread([this] {
+                ::pthread_setname_np(::pthread_self(), "log");
+                drain();
+            }).detach();
             threadRuns = true;
         } catch (const std::system_error&) {
             threadRuns = false;

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -21,7 +22,10 @@ QBSignalSource::QBSignalSource(std::initializer_list<int> signals, Handler signa
         return;
     }
     try {
-        waiter = std::thread([this] { waitLoop(); });
+        waiter = std::thread([this] {
+            ::pthread_setname_np(::pthread_self(), "signals");
+            waitLoop();
+        });
     } catch (const std::system_error&) {
         // isActive() tells the owner; the signals stay blocked.
     }
@@ -69,7 +73,10 @@ void QBSignalSource::startHandler(int signalNumber) {
         QBMutexLock guard(handlersLock);
         ++runningHandlers;  // counted before the thread exists, so a waiter never misses it
         try {
-            handlers.emplace_back([this, signalNumber] { runHandler(signalNumber); });
+            handlers.emplace_back([this, signalNumber] {
+                ::pthread_setname_np(::pthread_self(), "stop");
+                runHandler(signalNumber);
+            });
             return;
         } catch (const std::system_error&) {
             // No thread to be had: the handler runs here, and signals wait meanwhile.
