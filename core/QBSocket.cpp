@@ -2,6 +2,7 @@
 
 #include <cxxabi.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <memory>
 #include <typeinfo>
@@ -20,6 +21,10 @@ std::vector<std::uint8_t> QBSocket::readData(std::uint32_t) {
 
 void QBSocket::close() {
     raiseAbstractClass();
+}
+
+bool QBSocket::outOfResources(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
 void QBSocket::raiseAbstractClass() const {

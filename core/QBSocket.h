@@ -32,6 +32,11 @@ public:
     virtual std::vector<std::uint8_t> readData(std::uint32_t count);
     virtual void close();
 
+    // Whether an accept failed for want of descriptors or kernel memory (EMFILE, ENFILE,
+    // ENOBUFS, ENOMEM). The listening socket then stays readable, so an accept loop that simply
+    // tried again would spin: it must make room or pause instead.
+    static bool outOfResources(int error);
+
 protected:
     [[noreturn]] void raiseAbstractClass() const;
     // Unqualified C++ name of the receiver's dynamic class, e.g. "QBTCPSocket".

@@ -51,6 +51,10 @@
 
 #include "QBWorkerPool.h"
 
+namespace QBTCPEventServerDetail {
+struct Shared;
+}
+
 class QBTCPEventServer {
 public:
     struct Wait {
@@ -122,10 +126,7 @@ public:
     std::size_t connectionCount() const;
 
 private:
-    class Loop;
-    struct Shared;
-
     Protocol& protocol;
     const Limits limits;
-    std::unique_ptr<Shared> shared;
+    std::unique_ptr<QBTCPEventServerDetail::Shared> shared;
 };

@@ -6,17 +6,14 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <condition_variable>
 #include <cstring>
-#include <thread>
-#include <vector>
 
+#include "QBThread.h"
 #include "platform/QBLog.h"
 #include "platform/QBText.h"
 
@@ -48,136 +45,10 @@ int millisecondsUntil(Clock::time_point deadline) {
     return static_cast<int>(std::clamp<std::int64_t>(left, 0, INT32_MAX));
 }
 
-std::int64_t steadyNanoseconds() {
-    const auto now = Clock::now().time_since_epoch();
-    return std::max<std::int64_t>(
-        1, std::chrono::duration_cast<std::chrono::nanoseconds>(now).count());
+// Seconds as milliseconds for poll(2), clamped to its range.
+int pollMilliseconds(std::int32_t seconds) {
+    return static_cast<int>(std::min<std::int64_t>(std::int64_t{seconds} * 1000, INT32_MAX));
 }
-
-}  // namespace
-
-// One accepted connection as its server sees it. The descriptor is guarded by the table's lock
-// and set to -1 before the connection closes it, so the server never acts on a reused number.
-struct QBTCPSocket::ConnectionSlot {
-    int descriptor = -1;                        // guarded by ConnectionTable::lock
-    bool evicted = false;                       // guarded by ConnectionTable::lock
-    std::atomic<std::int64_t> waitingSince{0};  // steady ns since it waits for its peer; 0: busy
-    std::weak_ptr<ConnectionTable> table;
-};
-
-// The connections of one serve and the count of their threads; enforces ServerLimits.
-class QBTCPSocket::ConnectionTable {
-public:
-    explicit ConnectionTable(std::size_t maxThreads) : maxThreads(maxThreads) {}
-
-    // Registers a newly accepted descriptor and counts its thread-to-be. When every thread is
-    // taken, shuts down the connection that has waited longest for its peer to make room;
-    // null (refused) when no connection is waiting.
-    std::shared_ptr<ConnectionSlot> admit(int descriptor,
-                                          const std::shared_ptr<ConnectionTable>& self) {
-        std::lock_guard guard(lock);
-        if (threads - evicting >= maxThreads && !evictLongestWaiting()) return nullptr;
-        auto slot = std::make_shared<ConnectionSlot>();
-        slot->descriptor = descriptor;
-        slot->waitingSince.store(steadyNanoseconds());  // waiting for its first message
-        slot->table = self;
-        slots.push_back(slot);
-        ++threads;
-        return slot;
-    }
-
-    // The connection is about to close its descriptor.
-    void release(ConnectionSlot& slot) {
-        std::lock_guard guard(lock);
-        forget(slot);
-    }
-
-    void threadEnded(ConnectionSlot& slot) {
-        std::lock_guard guard(lock);
-        forget(slot);
-        --threads;
-        if (slot.evicted) --evicting;
-        if (threads == 0) drained.notify_all();
-    }
-
-    // Makes every connection's pending and future reads fail, so that its thread ends.
-    void shutDownAll() {
-        std::lock_guard guard(lock);
-        for (const auto& slot : slots) ::shutdown(slot->descriptor, SHUT_RDWR);
-    }
-
-    void waitUntilDrained(std::chrono::milliseconds timeout) {
-        std::unique_lock guard(lock);
-        drained.wait_for(guard, timeout, [this] { return threads == 0; });
-    }
-
-    std::size_t threadCount() const {
-        std::lock_guard guard(lock);
-        return threads;
-    }
-
-private:
-    bool evictLongestWaiting() {
-        ConnectionSlot* victim = nullptr;
-        std::int64_t oldest = 0;
-        for (const auto& slot : slots) {
-            const auto since = slot->waitingSince.load();
-            if (slot->evicted || since == 0) continue;
-            if (!victim || since < oldest) {
-                victim = slot.get();
-                oldest = since;
-            }
-        }
-        if (!victim) return false;
-        // Accepted race: the victim may have received its whole message a moment ago; it is
-        // shut down all the same, as a client of an overloaded server can expect.
-        ::shutdown(victim->descriptor, SHUT_RDWR);
-        victim->evicted = true;
-        ++evicting;
-        return true;
-    }
-
-    void forget(ConnectionSlot& slot) {
-        const auto found = std::find_if(slots.begin(), slots.end(),
-                                        [&](const auto& entry) { return entry.get() == &slot; });
-        if (found == slots.end()) return;
-        (*found)->descriptor = -1;
-        *found = std::move(slots.back());
-        slots.pop_back();
-    }
-
-    const std::size_t maxThreads;
-    mutable std::mutex lock;  // guards everything below; leaf lock
-    std::condition_variable drained;
-    std::vector<std::shared_ptr<ConnectionSlot>> slots;
-    std::size_t threads = 0;   // connection threads started and not yet ended
-    std::size_t evicting = 0;  // of those, threads whose connection was shut down to make room
-};
-
-namespace {
-
-struct ConnectionStart {
-    std::shared_ptr<QBTCPSocketServerDelegate> delegate;
-    std::shared_ptr<QBTCPSocket> connection;
-    std::shared_ptr<QBTCPSocket::ConnectionTable> table;
-    std::shared_ptr<QBTCPSocket::ConnectionSlot> slot;
-};
-
-// Marks a connection as waiting for its peer for the life of the object.
-class WaitingForPeer {
-public:
-    explicit WaitingForPeer(QBTCPSocket::ConnectionSlot* slot) : slot(slot) {
-        if (slot) slot->waitingSince.store(steadyNanoseconds());
-    }
-    ~WaitingForPeer() {
-        if (slot) slot->waitingSince.store(0);
-    }
-    WaitingForPeer(const WaitingForPeer&) = delete;
-    WaitingForPeer& operator=(const WaitingForPeer&) = delete;
-
-private:
-    QBTCPSocket::ConnectionSlot* slot;
-};
 
 }  // namespace
 
@@ -200,7 +71,7 @@ QBTCPSocket::QBTCPSocket(std::int32_t existingSocket, std::shared_ptr<QBIPAddres
 
 QBTCPSocket::~QBTCPSocket() {
     QBTCPSocket::close();
-    std::lock_guard guard(serverLock);
+    QBMutexLock guard(serverLock);
     for (int& end : wakePipe) {
         if (end >= 0) ::close(end);
         end = -1;
@@ -213,9 +84,6 @@ bool QBTCPSocket::isOpen() {
 
 void QBTCPSocket::close() {
     if (socketState != stateOpen) return;
-    if (slot) {
-        if (auto table = slot->table.lock()) table->release(*slot);
-    }
     ::close(_socket);
     socketState = stateClosed;
     _host.reset();
@@ -281,11 +149,9 @@ bool QBTCPSocket::connectToHost(const std::optional<std::string>& host, std::int
 
     if (::connect(_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         if (errno != EINPROGRESS) return fail();
-        const int waitMilliseconds =
-            timeout > 0
-                ? static_cast<int>(std::min<std::int64_t>(std::int64_t{timeout} * 1000, INT32_MAX))
-                : 0;
-        if (waitFor(POLLOUT, waitMilliseconds) != Wait::ready) return fail();
+        if (waitFor(POLLOUT, timeout > 0 ? pollMilliseconds(timeout) : 0) != Wait::ready) {
+            return fail();
+        }
         int error = 0;
         socklen_t length = sizeof error;
         if (::getsockopt(_socket, SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0) {
@@ -336,10 +202,6 @@ bool QBTCPSocket::listenOnAddress(std::shared_ptr<QBIPAddress> address, std::int
     return true;
 }
 
-void QBTCPSocket::setServerLimits(const ServerLimits& limits) {
-    serverLimits = limits;
-}
-
 void QBTCPSocket::serveOnAddress(std::shared_ptr<QBIPAddress> address, std::int64_t andPort,
                                  std::weak_ptr<QBTCPSocketServerDelegate> withDelegate) {
     serveOnAddress(std::move(address), andPort, std::move(withDelegate), true);
@@ -355,121 +217,75 @@ void QBTCPSocket::serveOnAddress(std::shared_ptr<QBIPAddress> address, std::int6
     }
     auto self = weak_from_this().lock();
     if (!self) return;
-    std::thread([self, address, andPort, withDelegate] {
-        self->internalServeOnData(address, andPort, withDelegate);
-    }).detach();
+    QBThread::startDetached(
+        [self, address, andPort, withDelegate] {
+            self->internalServeOnData(address, andPort, withDelegate);
+        },
+        0, acceptRole);
 }
 
-bool QBTCPSocket::createWakePipe() {
-    std::lock_guard guard(serverLock);
-    return wakePipe[0] >= 0 || ::pipe2(wakePipe, O_CLOEXEC) == 0;
+// The pipe's read end, or -1 when there is no pipe.
+int QBTCPSocket::createWakePipe() {
+    QBMutexLock guard(serverLock);
+    if (wakePipe[0] < 0 && ::pipe2(wakePipe, O_CLOEXEC) != 0) return -1;
+    return wakePipe[0];
 }
 
 void QBTCPSocket::internalServeOnData(const std::shared_ptr<QBIPAddress>& address,
                                       std::int64_t port,
                                       const std::weak_ptr<QBTCPSocketServerDelegate>& delegate) {
-    const auto table = std::make_shared<ConnectionTable>(serverLimits.maxConnectionThreads);
-    {
-        std::lock_guard guard(serverLock);
-        activeSockets = table;
-    }
     if (!listenOnAddress(address, port)) return;
-    if (!createWakePipe()) {
+    const int wakeReadEnd = createWakePipe();
+    if (wakeReadEnd < 0) {
         close();
         boundPort.store(0);
         return;
     }
-    const int wakeReadEnd = wakePipe[0];  // written once, above, on this thread
-    while (!shutdownRequested.load()) {
+    while (!shutdown.load()) {
         pollfd ready[2] = {{_socket, POLLIN, 0}, {wakeReadEnd, POLLIN, 0}};
         // A failed poll is ignored, like a failed accept: the loop only ends on shutdown.
         if (::poll(ready, 2, -1) <= 0 || !(ready[0].revents & POLLIN)) continue;
-        for (int i = 0; i < acceptBatch && acceptConnection(table, delegate); ++i) {
+        for (int i = 0; i < acceptBatch && acceptConnection(delegate, wakeReadEnd); ++i) {
         }
     }
-    table->shutDownAll();
     ::close(_socket);
     socketState = stateClosed;
     boundPort.store(0);
-    table->waitUntilDrained(serverLimits.drainTimeout);
 }
 
-// Accepts one connection and starts its thread (or refuses it). False when there was none to
-// accept, or accepting failed.
-bool QBTCPSocket::acceptConnection(const std::shared_ptr<ConnectionTable>& table,
-                                   const std::weak_ptr<QBTCPSocketServerDelegate>& delegate) {
+// Accepts one connection and starts its thread. False when there was none to accept, or
+// accepting failed.
+bool QBTCPSocket::acceptConnection(const std::weak_ptr<QBTCPSocketServerDelegate>& delegate,
+                                   int wakeReadEnd) {
     const int descriptor = ::accept4(_socket, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (descriptor < 0) {
-        if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-            pauseAccepting();
+        if (QBSocket::outOfResources(errno)) {
+            pollfd wake{wakeReadEnd, POLLIN, 0};
+            ::poll(&wake, 1, acceptPauseMilliseconds);
         }
         return false;
     }
     auto handler = delegate.lock();
-    auto connectionSlot = handler ? table->admit(descriptor, table) : nullptr;
-    if (!connectionSlot) {
+    if (!handler) {
         ::close(descriptor);
         return true;
     }
-    auto connection = socketWithExistingSocket(descriptor, nullptr, 0);
-    connection->slot = connectionSlot;
-    if (!startConnectionThread(table, connection, std::move(handler))) {
-        connection->close();
-        table->threadEnded(*connectionSlot);
-    }
+    // Should no thread start, the connection is closed as the body holding it is destroyed.
+    QBThread::startDetached(
+        [handler, connection = socketWithExistingSocket(descriptor, nullptr, 0)]() mutable {
+            handler->clientConnected(std::move(connection));
+        },
+        connectionStackSize, connectionRole);
     return true;
 }
 
-void QBTCPSocket::pauseAccepting() {
-    pollfd wake{wakePipe[0], POLLIN, 0};
-    ::poll(&wake, 1, acceptPauseMilliseconds);
-}
-
-bool QBTCPSocket::startConnectionThread(const std::shared_ptr<ConnectionTable>& table,
-                                        std::shared_ptr<QBTCPSocket> connection,
-                                        std::shared_ptr<QBTCPSocketServerDelegate> delegate) {
-    auto start = std::make_unique<ConnectionStart>(
-        ConnectionStart{std::move(delegate), std::move(connection), table, nullptr});
-    start->slot = start->connection->slot;
-    pthread_attr_t attributes;
-    if (::pthread_attr_init(&attributes) != 0) return false;
-    ::pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-    ::pthread_attr_setstacksize(&attributes, serverLimits.connectionStackSize);
-    pthread_t thread;
-    const bool started = ::pthread_create(&thread, &attributes, &runConnection, start.get()) == 0;
-    ::pthread_attr_destroy(&attributes);
-    if (started) start.release();  // the thread owns it now
-    return started;
-}
-
-void* QBTCPSocket::runConnection(void* argument) {
-    std::unique_ptr<ConnectionStart> start(static_cast<ConnectionStart*>(argument));
-    try {
-        start->delegate->clientConnected(std::move(start->connection));
-    } catch (...) {
-        // A handler that throws loses its connection, not the process.
-    }
-    start->delegate.reset();
-    start->table->threadEnded(*start->slot);
-    return nullptr;
-}
-
 void QBTCPSocket::shutdownServer() {
-    std::lock_guard guard(serverLock);
-    if (shutdownRequested.exchange(true)) return;
+    QBMutexLock guard(serverLock);
+    if (shutdown.exchange(true)) return;
     if (wakePipe[1] >= 0) {
         const char wake = 0;
         [[maybe_unused]] const auto written = ::write(wakePipe[1], &wake, 1);
     }
-}
-
-std::size_t QBTCPSocket::connectionThreadCount() const {
-    std::shared_ptr<ConnectionTable> table;
-    {
-        std::lock_guard guard(serverLock);
-        table = activeSockets;
-    }
-    return table ? table->threadCount() : 0;
 }
 
 // ---- Receiving ------------------------------------------------------------------------------
@@ -567,18 +383,12 @@ std::int64_t QBTCPSocket::readData(std::uint32_t count, QBBuffer& toBuffer,
 // Receives until the read-ahead holds the terminator; returns the length of the message at its
 // head, terminator included. Any failure drops what was received of the message.
 std::optional<std::size_t> QBTCPSocket::receiveMessage(std::string_view terminator,
-                                                       std::int32_t silenceSeconds,
-                                                       const MessageDeadlines& deadlines) {
+                                                       std::int32_t silenceSeconds) {
     if (!isOpen()) return std::nullopt;
-    const WaitingForPeer waiting(slot.get());
-    const auto started = Clock::now();
-    std::optional<Clock::time_point> wholeBy;
+    const int silenceMilliseconds = silenceSeconds > 0 ? pollMilliseconds(silenceSeconds) : -1;
     std::size_t searched = 0;  // bytes of the message already searched for the terminator
     for (;;) {
         const auto pending = pendingLength();
-        if (pending > 0 && !wholeBy && deadlines.whole.count() > 0) {
-            wholeBy = Clock::now() + deadlines.whole;
-        }
         if (terminator.empty() && pending > 0) return 1;  // every byte ends an empty terminator
         if (!terminator.empty() && pending >= terminator.size()) {
             const auto from = searched >= terminator.size() ? searched - terminator.size() + 1 : 0;
@@ -589,14 +399,7 @@ std::optional<std::size_t> QBTCPSocket::receiveMessage(std::string_view terminat
         }
         searched = pending;
         if (pending >= maxMessageLength) break;
-
-        std::optional<Clock::time_point> waitUntil = wholeBy;
-        const auto tighten = [&](Clock::time_point limit) {
-            if (!waitUntil || limit < *waitUntil) waitUntil = limit;
-        };
-        if (silenceSeconds > 0) tighten(Clock::now() + std::chrono::seconds(silenceSeconds));
-        if (pending == 0 && deadlines.firstByte.count() > 0) tighten(started + deadlines.firstByte);
-        if (waitFor(POLLIN, waitUntil ? millisecondsUntil(*waitUntil) : -1) != Wait::ready) break;
+        if (waitFor(POLLIN, silenceMilliseconds) != Wait::ready) break;
         if (receiveIntoReadAhead() < 0) break;
     }
     dropReadAhead();
@@ -619,7 +422,7 @@ std::unique_ptr<QBBuffer> QBTCPSocket::readDataTerminatedBy(const void* terminat
     const std::string_view bytes(
         static_cast<const char*>(terminator),
         terminator ? static_cast<std::size_t>(std::max(terminalLength, 0)) : 0);
-    const auto length = receiveMessage(bytes, withTimeout, {});
+    const auto length = receiveMessage(bytes, withTimeout);
     if (!length) return nullptr;
     auto buffer = QBBuffer::init();
     if (buffer) {
@@ -638,14 +441,7 @@ std::unique_ptr<QBBuffer> QBTCPSocket::readDataTerminatedByString(std::string_vi
 
 std::optional<std::string> QBTCPSocket::readStringTerminatedBy(std::string_view terminator,
                                                                std::int32_t withTimeout) {
-    const auto length = receiveMessage(terminator, withTimeout, {});
-    if (!length) return std::nullopt;
-    return takeMessageText(*length);
-}
-
-std::optional<std::string> QBTCPSocket::readStringTerminatedBy(std::string_view terminator,
-                                                               const MessageDeadlines& deadlines) {
-    const auto length = receiveMessage(terminator, 0, deadlines);
+    const auto length = receiveMessage(terminator, withTimeout);
     if (!length) return std::nullopt;
     return takeMessageText(*length);
 }

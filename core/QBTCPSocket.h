@@ -16,17 +16,14 @@
 // sent after the terminator stays in the read-ahead for the next read, so callers see exactly
 // what a byte-at-a-time reader would. A terminated message is at most maxMessageLength bytes.
 //
-// Resource bounds of a server (the peer may be any web page, which can open thousands of
-// connections): at most ServerLimits::maxConnectionThreads connection threads run at once, each
-// with a small stack. When all are taken, the connection that has waited longest for its next
-// message (one not yet read from, or inside a terminated read: an idle or half-sent request) is
-// shut down to make room; when every thread is busy with a request, the new connection is
-// closed at once. When serving ends, the server shuts down its remaining connections and
-// waits, for a bounded time, until their threads have finished.
+// A server starts a thread per connection, each with a small stack (connectionStackSize), and
+// sets no bound of its own on their number: the daemon's front end is QBTCPEventServer, which
+// bounds what a hostile peer can cost; this accept loop serves tests and tools. When serving
+// ends, connections still open are left to their handlers, which end them.
 //
 // Threads: a connection object is used by one thread at a time (its handler's). A server's
-// serve runs on one thread; shutdownServer(), localPort() and connectionThreadCount() may be
-// called from any thread at any time.
+// serve runs on one thread; shutdownServer() and localPort() may be called from any thread at
+// any time.
 //
 //   auto server = QBTCPSocket::socket();
 //   std::thread loop([&] { server->serveOnAddress(address, 0, delegate, false); });
@@ -41,13 +38,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "QBBuffer.h"
 #include "QBIPAddress.h"
+#include "QBMutex.h"
 #include "QBSocket.h"
 
 class QBTCPSocket;
@@ -77,25 +74,13 @@ public:
     // the socket buffer; a peer that stops reading cannot hold a sender's thread for ever.
     static constexpr std::chrono::milliseconds sendStallTimeout{10000};
 
-    struct ServerLimits {
-        // Connection threads running at once. A browser opens at most six connections per host;
-        // 512 leaves ample room for real pages while bounding what a hostile page can cost.
-        std::size_t maxConnectionThreads = 512;
-        // Stack of a connection thread. The deepest path (request, decoding, command, channel)
-        // needs well under 64 KiB (ICU keeps its regex backtracking state on the heap); the rest
-        // is room for sanitizer builds. Only touched pages become resident.
-        std::size_t connectionStackSize = 256 * 1024;
-        // When serving ends, how long to wait for connection threads after shutting their
-        // sockets down. A thread blocked elsewhere (a command waiting on the GUI application)
-        // is left to finish on its own after that.
-        std::chrono::milliseconds drainTimeout{2000};
-    };
-
-    // Limits of a terminated read beyond the silence time-out. Zero or negative: no limit.
-    struct MessageDeadlines {
-        std::chrono::milliseconds firstByte{0};  // until the message's first byte arrives
-        std::chrono::milliseconds whole{0};      // from the first byte to the terminator
-    };
+    // Stack of a connection thread. The deepest path (request, decoding, command, channel)
+    // needs well under 64 KiB; the rest is room for sanitizer builds. Only touched pages become
+    // resident.
+    static constexpr std::size_t connectionStackSize = 256 * 1024;
+    // Role names of the accept loop's thread and of connection threads.
+    static constexpr const char* acceptRole = "qb-tcp-accept";
+    static constexpr const char* connectionRole = "qb-tcp-conn";
 
     static std::shared_ptr<QBTCPSocket> socket();
     static std::shared_ptr<QBTCPSocket> socketWithExistingSocket(
@@ -134,8 +119,6 @@ public:
     // Asks the accept loop to end; returns at once. Only the first call has an effect; a socket
     // that has been shut down never serves again.
     void shutdownServer();
-    // Replaces the limits used by the next serve. Call before serving.
-    void setServerLimits(const ServerLimits& limits);
 
     // Takes at most count bytes that have already arrived, without waiting, and appends them to
     // buffer. Returns their number (also when the buffer refused them), 0 when none were
@@ -158,11 +141,6 @@ public:
     // the text is not valid UTF-8.
     std::optional<std::string> readStringTerminatedBy(std::string_view terminator,
                                                       std::int32_t withTimeout);
-    // As above with deadlines for the first byte and the whole message instead of a silence
-    // limit; the connection counts as waiting for its peer (and may be shut down to make room
-    // for a new one, see above) while this read waits.
-    std::optional<std::string> readStringTerminatedBy(std::string_view terminator,
-                                                      const MessageDeadlines& deadlines);
     // One line, newline included; nullopt as for readStringTerminatedBy.
     std::optional<std::string> readLineWithTimeout(std::int32_t timeout);
 
@@ -187,15 +165,10 @@ public:
     // The local port the socket is bound to while it listens (useful after listening on port
     // 0); 0 otherwise. Any thread.
     std::int32_t localPort() const { return boundPort.load(); }
-    // Connection threads of this server that are still running. Any thread.
-    std::size_t connectionThreadCount() const;
 
     bool isOpen() override;
     // Closes the descriptor of an open socket, clears host and port; nothing when not open.
     void close() override;
-
-    struct ConnectionSlot;
-    class ConnectionTable;
 
 private:
     enum : std::int32_t { stateNotOpen = 0, stateOpen = 1, stateClosed = 2 };
@@ -203,14 +176,9 @@ private:
 
     void internalServeOnData(const std::shared_ptr<QBIPAddress>& address, std::int64_t port,
                              const std::weak_ptr<QBTCPSocketServerDelegate>& delegate);
-    bool createWakePipe();
-    bool acceptConnection(const std::shared_ptr<ConnectionTable>& table,
-                          const std::weak_ptr<QBTCPSocketServerDelegate>& delegate);
-    void pauseAccepting();
-    bool startConnectionThread(const std::shared_ptr<ConnectionTable>& table,
-                               std::shared_ptr<QBTCPSocket> connection,
-                               std::shared_ptr<QBTCPSocketServerDelegate> delegate);
-    static void* runConnection(void* start);
+    int createWakePipe() QB_EXCLUDES(serverLock);
+    bool acceptConnection(const std::weak_ptr<QBTCPSocketServerDelegate>& delegate,
+                          int wakeReadEnd);
 
     Wait waitFor(short events, int timeoutMilliseconds) const;
     std::int64_t receiveIntoReadAhead();
@@ -218,8 +186,7 @@ private:
     std::size_t pendingLength() const { return readAheadEnd - readAheadBegin; }
     void dropReadAhead() { readAheadBegin = readAheadEnd = 0; }
     std::optional<std::size_t> receiveMessage(std::string_view terminator,
-                                              std::int32_t silenceSeconds,
-                                              const MessageDeadlines& deadlines);
+                                              std::int32_t silenceSeconds);
     std::optional<std::string> takeMessageText(std::size_t length);
     bool waitUntilWritable();
     void releaseDescriptor();
@@ -232,15 +199,13 @@ private:
     std::shared_ptr<QBIPAddress> remoteAddress;  // kept for the data model; nothing uses it
 
     // Server role.
-    ServerLimits serverLimits;
-    std::atomic<bool> shutdownRequested{false};  // set once, never cleared
+    std::atomic<bool> shutdown{false};  // set once, never cleared
     std::atomic<std::int32_t> boundPort{0};
-    mutable std::mutex serverLock;                   // guards the two fields below; leaf lock
-    std::shared_ptr<ConnectionTable> activeSockets;  // connections of the current serve
-    int wakePipe[2] = {-1, -1};
+    // A leaf lock: shutdownServer() may run on any thread while the loop creates the pipe.
+    mutable QBMutex serverLock;
+    int wakePipe[2] QB_GUARDED_BY(serverLock) = {-1, -1};
 
     // Connection role.
-    std::shared_ptr<ConnectionSlot> slot;  // this connection's entry in its server's table
     std::unique_ptr<std::uint8_t[]> readAhead;
     std::size_t readAheadCapacity = 0;
     std::size_t readAheadBegin = 0;  // first unread byte

@@ -1,18 +1,18 @@
 #include "QBWorkerPool.h"
 
-#include <pthread.h>
+#include "QBThread.h"
 
 QBWorkerPool::QBWorkerPool(const Limits& limits) : limits(limits) {}
 
 QBWorkerPool::~QBWorkerPool() {
-    std::unique_lock guard(lock);
+    QBMutexLock guard(lock);
     stopping = true;
     jobQueued.notify_all();
-    threadEnded.wait(guard, [this] { return threads == 0; });
+    while (threads != 0) threadEnded.wait(guard.native());
 }
 
 bool QBWorkerPool::submit(std::function<void()> job) {
-    std::lock_guard guard(lock);
+    QBMutexLock guard(lock);
     jobs.push_back(std::move(job));
     if (idleThreads > jobs.size() - 1) {
         jobQueued.notify_one();
@@ -25,37 +25,33 @@ bool QBWorkerPool::submit(std::function<void()> job) {
 }
 
 std::size_t QBWorkerPool::runningThreads() const {
-    std::lock_guard guard(lock);
+    QBMutexLock guard(lock);
     return threads;
 }
 
-// Called with lock held. The thread is detached: the destructor waits on the thread count, and
-// a thread touches nothing of the pool after its last unlock.
+// The thread is detached: the destructor waits on the thread count, and a thread touches nothing
+// of the pool after its last unlock.
 bool QBWorkerPool::startThread() {
-    pthread_attr_t attributes;
-    if (::pthread_attr_init(&attributes) != 0) return false;
-    ::pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-    ::pthread_attr_setstacksize(&attributes, limits.stackSize);
-    pthread_t thread;
-    const bool started = ::pthread_create(&thread, &attributes, &threadMain, this) == 0;
-    ::pthread_attr_destroy(&attributes);
+    const bool started = QBThread::startDetached([this] { work(); }, limits.stackSize, threadRole);
     if (started) ++threads;
     return started;
 }
 
-void* QBWorkerPool::threadMain(void* pool) {
-    static_cast<QBWorkerPool*>(pool)->work();
-    return nullptr;
+bool QBWorkerPool::waitForJob(QBMutexLock& guard) {
+    const auto deadline = std::chrono::steady_clock::now() + limits.idleExit;
+    while (jobs.empty() && !stopping) {
+        if (jobQueued.wait_until(guard.native(), deadline) == std::cv_status::timeout) break;
+    }
+    return !jobs.empty() || stopping;
 }
 
 void QBWorkerPool::work() {
-    std::unique_lock guard(lock);
+    QBMutexLock guard(lock);
     for (;;) {
         if (jobs.empty()) {
             if (stopping) break;
             ++idleThreads;
-            const bool woken = jobQueued.wait_for(guard, limits.idleExit,
-                                                  [this] { return !jobs.empty() || stopping; });
+            const bool woken = waitForJob(guard);
             --idleThreads;
             if (!woken) break;
             continue;
@@ -69,7 +65,7 @@ void QBWorkerPool::work() {
             // A job that throws loses its own work, not the thread.
         }
         job = nullptr;  // release what the job holds before taking the lock again
-        guard.lock();
+        guard.relock();
     }
     --threads;
     threadEnded.notify_all();

@@ -15,7 +15,8 @@
 #include <cstddef>
 #include <deque>
 #include <functional>
-#include <mutex>
+
+#include "QBMutex.h"
 
 class QBWorkerPool {
 public:
@@ -42,17 +43,23 @@ public:
     // Threads that exist now, busy or idle.
     std::size_t runningThreads() const;
 
+    // Role name of the pool's threads.
+    static constexpr const char* threadRole = "qb-worker";
+
 private:
-    static void* threadMain(void* pool);
-    bool startThread();
-    void work();
+    bool startThread() QB_REQUIRES(lock);
+    void work() QB_EXCLUDES(lock);
+    // Waits until a job is queued or the pool stops; false when idleExit passed first.
+    bool waitForJob(QBMutexLock& guard) QB_REQUIRES(lock);
 
     const Limits limits;
-    mutable std::mutex lock;  // guards everything below; leaf lock, never held while a job runs
+    // A leaf lock: nothing else is taken while it is held, and no job runs under it. Submitters
+    // (an event loop holding no lock) take it only briefly.
+    mutable QBMutex lock;
     std::condition_variable jobQueued;
     std::condition_variable threadEnded;
-    std::deque<std::function<void()>> jobs;
-    std::size_t threads = 0;
-    std::size_t idleThreads = 0;
-    bool stopping = false;
+    std::deque<std::function<void()>> jobs QB_GUARDED_BY(lock);
+    std::size_t threads QB_GUARDED_BY(lock) = 0;
+    std::size_t idleThreads QB_GUARDED_BY(lock) = 0;
+    bool stopping QB_GUARDED_BY(lock) = false;
 };

@@ -54,13 +54,9 @@ public:
         return record("clientOS");
     }
     std::string clientVersion() override { return record("clientVersion"); }
-    Number authorizeServer(Text s, Number p, Number w) override {
-        return record("authorize", s, p, w);
-    }
+    Number authorizeServer(Text s, Number p, Number w) override { return record("authorize", s, p, w); }
     std::string connect(Text s, Number p, Number w) override { return record("connect", s, p, w); }
-    std::string connect(Text s, Number p, Number w, Text token) override {
-        return record("connectWithToken", s, p, w, token);
-    }
+    std::string connect(Text s, Number p, Number w, Text t) override { return record("connectWithToken", s, p, w, t); }
     std::string disconnectWithSecToken(Text token) override { return record("disconnect", token); }
     std::string suspendWithSecToken(Text token) override { return record("suspend", token); }
     std::string resume() override { return record("resume"); }
@@ -104,7 +100,7 @@ public:
         : server(QBKelvoXMLRPCServer::serverWithAddress(
               QBIPAddress::ipAddressWithAddress("127.0.0.1"), 0, nullptr, commands, settings)),
           loop([this] { server->serve(); }) {
-        eventually([this] { return (port_ = server->serverSocket()->localPort()) != 0; });
+        eventually([this] { return (listeningPort = server->serverSocket()->localPort()) != 0; });
     }
     ~RunningBridgeServer() {
         server->shutdown();
@@ -112,10 +108,10 @@ public:
     }
 
     // The listening port, or 0 when the server did not listen within 5 s.
-    int port() const { return port_; }
+    int port() const { return listeningPort; }
     const std::shared_ptr<QBKelvoXMLRPCServer> server;
 
 private:
     std::thread loop;
-    int port_ = 0;
+    int listeningPort = 0;
 };
