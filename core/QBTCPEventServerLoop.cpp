@@ -132,16 +132,21 @@ void Loop::dispatch(const epoll_event& event) {
 // ---- Accepting ------------------------------------------------------------------------------
 
 void Loop::acceptConnections() {
+    bool admitted = false;
     for (int i = 0; i < acceptsPerWake && !listenerPaused; ++i) {
         const int descriptor = ::accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (descriptor >= 0) {
             admit(descriptor);
+            admitted = true;
         } else if (errno == EINTR || errno == ECONNABORTED) {
             continue;
         } else {
             // Out of descriptors: make room, or rest, since the listener stays readable;
-            // otherwise nothing is left to accept (another loop may have taken it).
-            if (!QBSocket::outOfResources(errno)) return;
+            // otherwise nothing is left to accept (another loop may have taken it). The kernel
+            // says so before it looks at the queue: after an admission in this round the queue
+            // may be empty, and the one to give way could be the newcomer itself. A listener
+            // still readable wakes the loop again, and then room is made.
+            if (!QBSocket::outOfResources(errno) || admitted) return;
             if (Connection* longest = longestWaiting()) {
                 close(*longest);
             } else {

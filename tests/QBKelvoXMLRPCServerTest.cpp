@@ -329,6 +329,8 @@ TEST(BridgeServerFaultTest, RunningOutOfDescriptorsIsSurvived) {
         full.freeOne();  // for the client's end; the server has none left for its end
         LoopbackClient newcomer(running.port());
         EXPECT_TRUE(idle.closedWithoutReply());  // closed to make room
+        ASSERT_TRUE(newcomer.send(statePost));
+        EXPECT_TRUE(answered(newcomer)) << "the newcomer took the place it was given";
     }
     EXPECT_TRUE(answers(running.port(), statePost));
     ASSERT_TRUE(eventually([&] { return running.server->connectionCount() == 0; }));
