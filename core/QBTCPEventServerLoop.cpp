@@ -80,21 +80,36 @@ bool Loop::watch(int descriptor, std::uint32_t events, int operation) {
 
 void Loop::run() {
     std::array<epoll_event, eventsPerWait> events{};
-    const int waitMilliseconds = static_cast<int>(sweepInterval.count());
     while (!stopping || busyConnections > 0) {
         int count = 0;
         if (epollFailed) {
             waitForCompletions();
         } else {
-            count = ::epoll_wait(epoll, events.data(), eventsPerWait, waitMilliseconds);
+            count = ::epoll_wait(epoll, events.data(), eventsPerWait, waitMilliseconds());
             if (count < 0 && errno != EINTR) failed(errno);
         }
         now = Clock::now();
         for (int i = 0; i < count; ++i) dispatch(events[static_cast<std::size_t>(i)]);
         if (stopRequested && !stopping) beginStop();
         if (stopping && busyConnections > 0) settleReplied();
-        if (now - lastSweep >= sweepInterval) sweep();
+        if (now >= nextDeadline || ((busyConnections > 0 || listenerPaused) &&
+                                    now - lastSweep >= sweepInterval)) {
+            sweep();
+        }
     }
+}
+
+int Loop::waitMilliseconds() const {
+    auto wakeAt = nextDeadline;
+    if (busyConnections > 0 || listenerPaused) wakeAt = std::min(wakeAt, lastSweep + sweepInterval);
+    if (wakeAt == Clock::time_point::max()) return -1;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(wakeAt - Clock::now());
+    return static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 1 << 30));
+}
+
+void Loop::setDeadline(Connection& connection, Clock::time_point deadline) {
+    connection.deadline = deadline;
+    nextDeadline = std::min(nextDeadline, deadline);
 }
 
 // The epoll set cannot be waited on (a fault of this program or the kernel's): the loop cannot
@@ -251,7 +266,7 @@ void Loop::advance(Connection& connection) {
             connection.needed = wait->needed;
             if (wait->stage != connection.stage) {
                 connection.stage = wait->stage;
-                connection.deadline = now + wait->timeout;
+                setDeadline(connection, now + wait->timeout);
             }
             if (connection.pending.empty() && connection.pending.capacity() > keptCapacity) {
                 std::string().swap(connection.pending);
@@ -297,7 +312,7 @@ bool Loop::send(Connection& connection, const std::string& bytes) {
     }
     connection.output.assign(bytes, sent > 0 ? static_cast<std::size_t>(sent) : 0);
     connection.stage = sendingStage;
-    connection.deadline = now + QBTCPEventServer::sendStallTimeout;
+    setDeadline(connection, now + QBTCPEventServer::sendStallTimeout);
     if (!watch(connection.descriptor, EPOLLOUT, EPOLL_CTL_MOD)) {
         close(connection);
         return false;
@@ -329,6 +344,11 @@ void Loop::sweep() {
     closeEvery([this](const Connection& connection) {
         return !connection.handOver.busy() && now >= connection.deadline;
     });
+    // The exact earliest deadline of those left; busy ones get new deadlines when taken back.
+    nextDeadline = Clock::time_point::max();
+    for (const auto& entry : connections) {
+        if (!entry.second->handOver.busy()) nextDeadline = std::min(nextDeadline, entry.second->deadline);
+    }
     if (listenerPaused && !stopping && watch(listener, EPOLLIN | EPOLLEXCLUSIVE, EPOLL_CTL_ADD)) {
         listenerPaused = false;
     }

@@ -30,8 +30,10 @@ using namespace std::chrono_literals;
 // let a peer park more bytes in the connection's store.
 constexpr std::size_t receiveChunk = 16 * 1024;
 constexpr int eventsPerWait = 128;
-// How often deadlines are checked (and a paused listener resumed): a time-out fires at most
-// this much late, and an idle loop wakes four times a second.
+// How often a loop looks again while it has something to take up that no event announces: a
+// connection whose reply another thread finished, or a listener paused for want of descriptors.
+// Deadlines are kept by the wait itself: a loop sleeps until the earliest one, and a loop with
+// none sleeps until an event comes.
 constexpr auto sweepInterval = 250ms;
 // Connections accepted in one go before the loop serves its other connections.
 constexpr int acceptsPerWake = 64;
@@ -178,6 +180,11 @@ private:
     void waitForCompletions();
     void beginStop();
     void sweep();
+    // The deadline of connection becomes deadline; the loop wakes by then.
+    void setDeadline(Connection& connection, Clock::time_point deadline);
+    // How long the next wait may last: until the earliest deadline, or the next sweep while
+    // something waits to be taken up; -1 for no bound.
+    int waitMilliseconds() const;
     bool watch(int descriptor, std::uint32_t events, int operation);
 
     // Requests answered elsewhere (QBTCPEventServer.cpp).
@@ -209,6 +216,9 @@ private:
     bool listenerPaused = false;
     Clock::time_point now = Clock::now();
     Clock::time_point lastSweep = now;
+    // No deadline of a connection that is not busy comes before this (it may be earlier than
+    // the earliest one: a deadline that moved later leaves it where it was until a sweep).
+    Clock::time_point nextDeadline = Clock::time_point::max();
 
     // A leaf lock, taken by finishing threads (holding none) and by the loop (holding none).
     QBMutex completionLock;

@@ -283,10 +283,12 @@ TEST(BridgeServerFaultTest, AFailingEventLoopIsLoggedAndStopsItsServer) {
     ASSERT_TRUE(answers(running.port(), preflight));
     const int epollSet = onlyEpollDescriptor();
     ASSERT_GE(epollSet, 0);
-    // Put a descriptor that is no epoll set in its place: the loop's next wait fails.
+    // Put a descriptor that is no epoll set in its place: the loop's next wait fails. An idle
+    // loop waits without a bound, so a new connection ends the wait in progress.
     const int notAnEpollSet = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     ::dup2(notAnEpollSet, epollSet);
     ::close(notAnEpollSet);
+    LoopbackClient poke(running.port());
     EXPECT_TRUE(eventually([&] { return log.count("Event loop failed, server stopped: Invalid argument") == 1; }));
     EXPECT_TRUE(eventually([&] { return !LoopbackClient(running.port()).connected(); }));
 }
