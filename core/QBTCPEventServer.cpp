@@ -1,5 +1,7 @@
 #include "QBTCPEventServer.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -198,6 +200,22 @@ QBTCPEventServer::QBTCPEventServer(Protocol& protocol, const Limits& limits)
 
 QBTCPEventServer::~QBTCPEventServer() = default;
 
+namespace {
+
+// "loop-94-" for a listener on 127.94.0.1; "loop-" when its address is no IPv4 one.
+std::string loopRolePrefix(int listeningDescriptor) {
+    std::string prefix = std::string(QBTCPEventServerDetail::loopRole) + "-";
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    if (::getsockname(listeningDescriptor, reinterpret_cast<sockaddr*>(&address), &length) == 0 &&
+        address.sin_family == AF_INET) {
+        prefix += std::to_string((ntohl(address.sin_addr.s_addr) >> 16) & 0xFF) + "-";
+    }
+    return prefix;
+}
+
+}  // namespace
+
 bool QBTCPEventServer::serve(int listeningDescriptor) {
     if (shared->stopEvent < 0 || shared->served.exchange(true)) return false;
     const std::size_t processors = std::max(1u, std::thread::hardware_concurrency());
@@ -211,13 +229,15 @@ bool QBTCPEventServer::serve(int listeningDescriptor) {
         loops.push_back(std::make_unique<Loop>(protocol, *shared, workers, listeningDescriptor));
         if (!loops.back()->ready()) return false;
     }
+    const std::string role = loopRolePrefix(listeningDescriptor);
     std::vector<QBThread> threads;
     for (std::size_t i = 1; i < loops.size(); ++i) {
         auto thread = QBThread::start([loop = loops[i].get()] { loop->run(); }, 0,
-                                      QBTCPEventServerDetail::loopRole);
+                                      (role + std::to_string(i)).c_str());
         if (!thread) break;  // serve with the loops that could be started
         threads.push_back(std::move(*thread));
     }
+    QBThread::nameCurrent(role + "0");
     loops.front()->run();
     for (auto& thread : threads) thread.join();
     return true;

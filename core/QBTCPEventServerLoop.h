@@ -39,8 +39,9 @@ constexpr auto sweepInterval = 250ms;
 constexpr int acceptsPerWake = 64;
 // A drained connection keeps at most this much storage; a burst's larger store is given back.
 constexpr std::size_t keptCapacity = 4 * 1024;
-// Role name of the loop threads.
-constexpr const char* loopRole = "qb-http-loop";
+// Role names of the loop threads: "loop-<second byte of the IPv4 address>-<loop>" ("loop-94-0"
+// serves 127.94.0.1), or "loop-<loop>".
+constexpr const char* loopRole = "loop";
 
 // Stages of the loop's own: none yet (the next Wait always sets a deadline), and sending.
 constexpr int noStage = INT_MIN;

@@ -79,8 +79,8 @@ public:
     // resident.
     static constexpr std::size_t connectionStackSize = 256 * 1024;
     // Role names of the accept loop's thread and of connection threads.
-    static constexpr const char* acceptRole = "qb-tcp-accept";
-    static constexpr const char* connectionRole = "qb-tcp-conn";
+    static constexpr const char* acceptRole = "tcp-accept";
+    static constexpr const char* connectionRole = "tcp-conn";
 
     static std::shared_ptr<QBTCPSocket> socket();
     static std::shared_ptr<QBTCPSocket> socketWithExistingSocket(

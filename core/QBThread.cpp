@@ -1,5 +1,7 @@
 #include "QBThread.h"
 
+#include <unistd.h>
+
 #include <memory>
 #include <string>
 
@@ -61,4 +63,9 @@ void QBThread::join() {
     if (!joinable) return;
     ::pthread_join(thread, nullptr);
     joinable = false;
+}
+
+void QBThread::nameCurrent(const std::string& role) {
+    if (::gettid() == ::getpid()) return;
+    ::pthread_setname_np(::pthread_self(), role.substr(0, maxRoleLength).c_str());
 }

@@ -9,13 +9,14 @@
 //
 // Threads: any thread may start threads; a QBThread object is joined by one thread.
 //
-//   QBThread::startDetached([job] { job(); }, 256 * 1024, "qb-worker");
-//   auto loop = QBThread::start([&] { run(); }, 0, "qb-loop");
+//   QBThread::startDetached([job] { job(); }, 256 * 1024, "pool");
+//   auto loop = QBThread::start([&] { run(); }, 0, "loop-94-1");
 //   if (loop) loop->join();
 
 #include <cstddef>
 #include <functional>
 #include <optional>
+#include <string>
 
 #include <pthread.h>
 
@@ -36,6 +37,10 @@ public:
     QBThread& operator=(const QBThread&) = delete;
     // A thread that was not joined is joined here.
     ~QBThread();
+
+    // Names the calling thread, unless it is the process's main thread (whose name is the
+    // process's own, which tools such as pgrep look for).
+    static void nameCurrent(const std::string& role);
 
     // Waits until the thread has ended; once.
     void join();

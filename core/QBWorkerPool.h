@@ -44,7 +44,7 @@ public:
     std::size_t runningThreads() const;
 
     // Role name of the pool's threads.
-    static constexpr const char* threadRole = "qb-worker";
+    static constexpr const char* threadRole = "pool";
 
 private:
     bool startThread() QB_REQUIRES(lock);
