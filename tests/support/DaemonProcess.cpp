@@ -18,11 +18,7 @@ DaemonProcess::~DaemonProcess() {
     }
 }
 
-bool DaemonProcess::start(const std::vector<std::string>& command) {
-    return start(command, Setup());
-}
-
-bool DaemonProcess::start(const std::vector<std::string>& command, const Setup& setup) {
+bool DaemonProcess::start(const std::vector<std::string>& command, const DaemonSetup& setup) {
     std::vector<char*> arguments;
     for (const auto& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
     arguments.push_back(nullptr);
@@ -34,10 +30,8 @@ bool DaemonProcess::start(const std::vector<std::string>& command, const Setup& 
         sigprocmask(SIG_SETMASK, &mask, nullptr);
         if (setup.stopPending) ::kill(::getpid(), SIGTERM);  // stays pending across exec
         ::dup2(::open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
-        ::dup2(::open(outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644),
-               STDOUT_FILENO);
-        ::dup2(::open(errorFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644),
-               STDERR_FILENO);
+        ::dup2(::open(outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644), STDOUT_FILENO);
+        ::dup2(STDOUT_FILENO, STDERR_FILENO);
         if (setup.withoutThreads) {
             // The process limit counts this user's processes and threads; nobody's one process
             // is already all it may have. Set after setuid, which would otherwise flag the
@@ -67,15 +61,7 @@ std::optional<int> DaemonProcess::waitForExit(std::chrono::milliseconds timeout)
     return WIFEXITED(status) ? std::optional(WEXITSTATUS(status)) : std::nullopt;
 }
 
-namespace {
-
-std::string contentsOf(const std::string& path) {
-    std::ifstream in(path);
+std::string DaemonProcess::output() const {
+    std::ifstream in(outputFile);
     return {std::istreambuf_iterator<char>(in), {}};
 }
-
-}  // namespace
-
-std::string DaemonProcess::standardError() const { return contentsOf(errorFile); }
-
-std::string DaemonProcess::standardOutput() const { return contentsOf(outputFile); }

@@ -1,6 +1,6 @@
 #pragma once
 // DaemonProcess: runs the real daemon binary (or another program of ours, such as the GUI
-// stand-in) as a child process, with its standard output and error collected into files. The
+// stand-in) as a child process, its standard output and error collected into one file. The
 // destructor kills and reaps a child that is still running, so no test leaves one behind.
 
 #include <sys/types.h>
@@ -12,35 +12,29 @@
 
 #include "support/TempDir.h"
 
+// How the child is set up before it runs the binary.
+struct DaemonSetup {
+    bool stopPending = false;     // starts with SIGTERM blocked and already pending
+    bool withoutThreads = false;  // runs as nobody, allowed no further thread (needs root)
+};
+
 class DaemonProcess {
 public:
     ~DaemonProcess();
 
-    // How the child is set up before it runs the binary.
-    struct Setup {
-        bool stopPending = false;     // starts with SIGTERM blocked and already pending
-        bool withoutThreads = false;  // runs as nobody, allowed no further thread (needs root)
-    };
-
-    // Starts the binary at path (default: the daemon built with the tests), with no blocked
-    // signals whatever this process blocks. False on failure.
-    bool start(const std::string& path = QB_DAEMON_PATH) { return start(std::vector{path}); }
-    // Starts command[0] with command as its arguments, the child set up as setup says.
-    bool start(const std::vector<std::string>& command);
-    bool start(const std::vector<std::string>& command, const Setup& setup);
-    bool startWith(const Setup& setup) { return start(std::vector<std::string>{QB_DAEMON_PATH}, setup); }
+    // Starts command[0] with command as its arguments, with no blocked signals whatever this
+    // process blocks, then as setup says. False on failure.
+    bool start(const std::vector<std::string>& command = {QB_DAEMON_PATH}, const DaemonSetup& setup = {});
     bool signal(int signalNumber) const;
     // Exit status once the child has ended within timeout; nullopt when it is still running or
     // was ended by a signal.
     std::optional<int> waitForExit(std::chrono::milliseconds timeout);
-    // What the daemon has written to standard error so far.
-    std::string standardError() const;
-    std::string standardOutput() const;
+    // What the child has written to standard output and error so far.
+    std::string output() const;
     pid_t processId() const { return pid; }
 
 private:
     TempDir directory;
-    const std::string errorFile = directory.file("stderr.log");
-    const std::string outputFile = directory.file("stdout.log");
+    const std::string outputFile = directory.file("output.log");
     pid_t pid = -1;
 };
