@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <set>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -29,27 +30,22 @@ const std::string statePost = xmlRpcPost(methodCall("state"));
 // The response with its header lines sorted: their order on the wire is not defined.
 std::string sortedHeaders(const std::string& response) {
     const auto first = response.find("\r\n") + 2, end = response.find("\r\n\r\n") + 2;
-    std::vector<std::string> lines;
+    std::multiset<std::string> lines;
     for (auto at = first; at < end; at = response.find("\r\n", at) + 2) {
-        lines.push_back(response.substr(at, response.find("\r\n", at) + 2 - at));
+        lines.insert(response.substr(at, response.find("\r\n", at) + 2 - at));
     }
-    std::sort(lines.begin(), lines.end());
-    return response.substr(0, first) + std::accumulate(lines.begin(), lines.end(), std::string()) +
-           response.substr(end);
+    return response.substr(0, first) + std::accumulate(lines.begin(), lines.end(), std::string()) + response.substr(end);
 }
 
 std::string expectedReply(const std::string& body, const std::string& corsHeaders = "") {
-    return "HTTP/1.1 200 OK\r\n" + corsHeaders +
-           "Access-Control-Allow-Origin: *\r\nCache-Control: no-cache\r\nContent-Length: " +
-           std::to_string(body.size()) +
-           "\r\nContent-Type: text/xml\r\nPragma: no-cache\r\nServer: MacTunnelwright/1.1\r\n\r\n" +
-           body;
+    return "HTTP/1.1 200 OK\r\n" + corsHeaders + "Access-Control-Allow-Origin: *\r\nCache-Control: no-cache\r\n"
+           "Content-Length: " + std::to_string(body.size()) +
+           "\r\nContent-Type: text/xml\r\nPragma: no-cache\r\nServer: MacTunnelwright/1.1\r\n\r\n" + body;
 }
 
-const std::string preflightReply =
-    expectedReply("",
-                  "Access-Control-Allow-Headers: Origin, X-Requested-With, Content-Type, Accept\r\n"
-                  "Access-Control-Allow-Methods: POST, OPTIONS\r\n");
+const std::string preflightReply = expectedReply(
+    "", "Access-Control-Allow-Headers: Origin, X-Requested-With, Content-Type, Accept\r\n"
+        "Access-Control-Allow-Methods: POST, OPTIONS\r\n");
 const std::string stringReply = expectedReply(S::methodResponseDocument({std::string("abc")}));
 const std::string intReply = expectedReply(S::methodResponseDocument({std::int64_t{1}}));
 
@@ -57,20 +53,12 @@ std::string replaced(std::string text, std::string_view from, std::string_view t
     return text.replace(text.find(from), from.size(), to);
 }
 
-// A state call whose header block is padded to blockLength bytes.
+// A state call whose header block is padded to blockLength bytes, or whose body is to size bytes.
 std::string statePostWithHeaderBlock(std::size_t blockLength) {
     const auto headEnd = statePost.find("\r\n\r\n");
-    const std::string pad = "\r\nX-Pad: ";
-    return statePost.substr(0, headEnd) + pad +
-           std::string(blockLength - headEnd - pad.size() - 4, 'p') + statePost.substr(headEnd);
+    return replaced(statePost, "\r\n\r\n", "\r\nX-Pad: " + std::string(blockLength - headEnd - 13, 'p') + "\r\n\r\n");
 }
-
-// A state call padded with blanks to size bytes.
-std::string paddedCall(std::size_t size) {
-    auto call = methodCall("state");
-    call.resize(size, ' ');
-    return call;
-}
+std::string paddedCall(std::size_t size) { return methodCall("state").append(size - methodCall("state").size(), ' '); }
 
 bool answered(LoopbackClient& client, const std::string& expected = stringReply) {
     return sortedHeaders(client.readResponse().value_or("\r\n\r\n")) == expected;
@@ -118,33 +106,26 @@ TEST_F(BridgeServerTest, RefusedRequestsAndFailedCommandsCloseWithoutAnyReply) {
     const auto call = methodCall("state");
     commands->failing = true;
     const std::string cases[] = {
-        replaced(statePost, "POST", "GET"),
-        replaced(statePost, "POST", "post"),
+        replaced(statePost, "POST", "GET"), replaced(statePost, "POST", "post"),
         "POST\r\n\r\n",                          // a request line of one part
         replaced(statePost, " /vpn", "  /vpn"),  // two blanks: the path is empty
         "\r\n" + statePost,                      // the first line is the request line
-        replaced(statePost, "/vpn", "/vpn?x=1"),
-        replaced(statePost, "/vpn", "/vpn/"),
+        replaced(statePost, "/vpn", "/vpn?x=1"), replaced(statePost, "/vpn", "/vpn/"),
         replaced(statePost, "Content-Length", "content-length"),
         replaced(statePost, "Content-Length", "X-Nul: \0\r\nContent-Length"s),  // text ends at NUL
         replaced(statePost, "Host: ", "Host: \xff"),  // header block not UTF-8
         "POST /vpn HTTP/1.1\r\nContent-Length: 0\r\n\r\n" + call,
-        xmlRpcPost(paddedCall(S::maxBodyLength + 1)),
+        xmlRpcPost(paddedCall(S::maxBodyLength + 1)), statePostWithHeaderBlock(S::maxHeaderBlockLength + 1),
+        "POST /vpn HTTP/1.1\r\nX-Huge: " + std::string(1024 * 1024, 'h'),  // and no end
         xmlRpcPost("\xEF\xBB\xBF" + call),  // byte-order mark
         xmlRpcPost(replaced(call, "\"1.0\"", "'1.0'")),
         xmlRpcPost(call + "\xff"),  // body not UTF-8
-        xmlRpcPost(methodCall("nosuchMethod")),
-        xmlRpcPost(methodCall("State")),
-        xmlRpcPost(methodCall(" state")),
-        xmlRpcPost(replaced(call, "methodName", "name")),
-        xmlRpcPost(replaced(call, "methodCall", "call")),
-        statePostWithHeaderBlock(S::maxHeaderBlockLength + 1),
-        "POST /vpn HTTP/1.1\r\nX-Huge: " + std::string(1024 * 1024, 'h'),  // and no end
-        xmlRpcPost(methodCall("clientOS")),  // throws, on either thread (atOnce alternates)
-        xmlRpcPost(methodCall("clientOS")),
+        xmlRpcPost(methodCall("nosuchMethod")), xmlRpcPost(methodCall("State")), xmlRpcPost(methodCall(" state")),
+        xmlRpcPost(replaced(call, "methodName", "name")), xmlRpcPost(replaced(call, "methodCall", "call")),
+        xmlRpcPost(methodCall("clientOS")), xmlRpcPost(methodCall("clientOS")),  // throws; on either thread
     };
     for (const auto& request : cases) {
-        commands->atOnce = !commands->atOnce;
+        commands->atOnce = !commands->atOnce;  // alternates
         LoopbackClient client(running.port());
         ASSERT_TRUE(client.connected());
         const auto split = std::min<std::size_t>(request.size(), 60000);  // large: in two parts
@@ -163,10 +144,8 @@ TEST_F(BridgeServerTest, LimitsLateBodyAndOtherHeadersAreAccepted) {
     const std::vector<std::string> cases[] = {
         {xmlRpcPost(paddedCall(S::maxBodyLength))},
         {statePostWithHeaderBlock(S::maxHeaderBlockLength)},
-        {statePost.substr(0, headEnd), statePost.substr(headEnd, 10),
-         statePost.substr(headEnd + 10)},
-        {"POST /vpn HTTP/1.1\r\nHost: 127.0.0.1:986\r\nno colon line\r\nContent-Length: 1\r\n"
-         "\tContent-Length\t:  " +
+        {statePost.substr(0, headEnd), statePost.substr(headEnd, 10), statePost.substr(headEnd + 10)},
+        {"POST /vpn HTTP/1.1\r\nHost: 127.0.0.1:986\r\nno colon line\r\nContent-Length: 1\r\n\tContent-Length\t:  " +
          std::to_string(body.size()) + "\r\nOrigin: http://a:b\r\n\r\n" + body},
     };
     for (const auto& pieces : cases) {
@@ -192,7 +171,7 @@ TEST(BridgeServerConnectionLimitTest, NewConnectionReplacesTheLongestWaitingOne)
         std::this_thread::sleep_for(20ms * sanitizerSlowdown);
     }
     EXPECT_TRUE(answers(running.port(), statePost));
-    EXPECT_TRUE(stalled[0]->closedWithoutReply(1s));
+    EXPECT_TRUE(stalled[0]->closedWithoutReply(1s * sanitizerSlowdown));
     for (int i = 1; i < 4; ++i) EXPECT_FALSE(stalled[i]->closedWithoutReply(50ms)) << i;
     EXPECT_TRUE(eventually([&] { return running.server->connectionCount() == 3; }));
 }
@@ -313,14 +292,11 @@ TEST_F(BridgeServerTest, WaitingCommandsHoldUpNoOtherConnectionAndShutdownWaitsF
             waiting.push_back(std::make_unique<LoopbackClient>(i < 4 ? running.port() : stopping->port()));
             ASSERT_TRUE(waiting.back()->send(statePost));
         }
-        std::vector<FakeBridgeCommands::Finish> finishes;
-        ASSERT_TRUE(eventually([&] {
-            for (auto& finish : commands->takeDeferred()) finishes.push_back(finish);
-            return (deferred ? int(finishes.size()) : commands->waiting.load()) == 8;
-        }));
+        const auto finishes = deferred ? commands->awaitDeferred(8) : std::vector<FakeBridgeCommands::Finish>();
+        ASSERT_TRUE(deferred ? finishes.size() == 8 : eventually([&] { return commands->waiting == 8; }));
         LoopbackClient other(running.port());
         ASSERT_TRUE(other.send(preflight + xmlRpcPost(methodCall("clientOS"))));
-        EXPECT_TRUE(other.readResponse(2s) && other.readResponse(2s));
+        EXPECT_TRUE(other.readResponse(2s * sanitizerSlowdown) && other.readResponse(2s * sanitizerSlowdown));
         auto stopped = std::async(std::launch::async, [&] { stopping.reset(); });
         EXPECT_EQ(stopped.wait_for(200ms), std::future_status::timeout) << "a result is still due";
         commands->holdState = false;
@@ -330,8 +306,7 @@ TEST_F(BridgeServerTest, WaitingCommandsHoldUpNoOtherConnectionAndShutdownWaitsF
         stopped.get();
         // Answers come when the commands finish, except on the server shut down meanwhile.
         for (int i = 0; i < 8; ++i) {
-            EXPECT_TRUE(i < 4 ? answered(*waiting[i], deferred ? late : stringReply)
-                              : waiting[i]->closedWithoutReply())
+            EXPECT_TRUE(i < 4 ? answered(*waiting[i], deferred ? late : stringReply) : waiting[i]->closedWithoutReply())
                 << deferred << i;
         }
     }
@@ -345,19 +320,11 @@ TEST(BridgeServerDeferredTest, ConnectionsGoOnAfterRepliesFinishedElsewhere) {
     commands->deferState = true;
     RunningBridgeServer running(commands, {.idleTimeout = 400ms * sanitizerSlowdown, .bodyTimeout = 1s});
     const auto finishAll = [&](const std::string& result, std::size_t count = 1) {
-        std::vector<FakeBridgeCommands::Finish> finishes;
-        const bool taken = eventually([&] {
-            for (auto& finish : commands->takeDeferred()) finishes.push_back(finish);
-            return finishes.size() == count;
-        });
-        std::thread([&] {
-            for (auto& finish : finishes) finish(result);
-        }).join();
-        return taken;
+        const auto finishes = commands->awaitDeferred(count);
+        std::thread([&] { for (auto& finish : finishes) finish(result); }).join();
+        return finishes.size() == count;
     };
-    const auto reply = [](const std::string& result) {
-        return expectedReply(S::methodResponseDocument({result}));
-    };
+    const auto reply = [](const std::string& result) { return expectedReply(S::methodResponseDocument({result})); };
     LoopbackClient quiet(running.port()), early(running.port()), pipelined(running.port());
     ASSERT_TRUE(quiet.send(statePost));
     ASSERT_TRUE(finishAll("first"));
