@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <thread>
 
 #include "QBInterfaceData.h"
@@ -46,6 +47,14 @@ bool answersPreflight(const char* address) {
            reply->find("Access-Control-Allow-Methods: POST, OPTIONS\r\n") != std::string::npos;
 }
 
+// A hello on the channel, answered INVALID (with its envelope echoed) as the daemon has no GUI.
+bool channelAnswersHello() {
+    const nlohmann::json hello{{"command", "hello"}, {"messageid", "1"}, {"content", {{"answer", 42}}}};
+    RawFramePeer gui(channelPath);
+    const auto reply = gui.sendEnvelope(hello) ? gui.readEnvelope().value_or(nullptr) : nullptr;
+    return reply.is_object() && reply.value("content", nlohmann::json()) == nlohmann::json{{"status", "INVALID"}, {"message", hello}};
+}
+
 bool aliasListed() {
     const auto listing = QBChildProcess::run("/sbin/ip", {"-o", "address", "show", "dev", "lo"});
     return QBInterfaceData::parse(listing.output).listsIPv4Address(aliasAddress);
@@ -67,16 +76,7 @@ TEST_P(ServiceStopSignalTest, ServesBothAddressesAndTheChannelThenStopsCleanly) 
     struct stat info {};
     ASSERT_TRUE(eventually([&] { return ::stat(channelPath, &info) == 0; }));
     EXPECT_EQ(info.st_mode & (S_IFMT | 07777), S_IFSOCK | 0776u);
-    EXPECT_TRUE(answersPreflight(aliasAddress) && answersPreflight(loopbackAddress));
-
-    auto gui = QBLumentideIPC::initWithSocketPath(channelPath, false);
-    ASSERT_TRUE(gui->connect());
-    const nlohmann::json content = {{"answer", 42}};
-    auto reply = gui->sendMessage("hello", content).value_or(nullptr);
-    EXPECT_EQ(reply["status"], "INVALID");
-    EXPECT_EQ(reply["message"], (nlohmann::json{{"command", "hello"}, {"messageid", "1"}, {"content", content}}));
-    gui->shutdown();
-    gui->waitForThreads(deadline);
+    EXPECT_TRUE(answersPreflight(aliasAddress) && answersPreflight(loopbackAddress) && channelAnswersHello());
 
     ASSERT_TRUE(daemon.signal(GetParam()));
     EXPECT_EQ(daemon.waitForExit(deadline), 0);
@@ -178,41 +178,31 @@ TEST(ServiceProcessTest, LargestFramesOfTinyValuesOnEverySlotKeepTheDaemonSmall)
         std::vector<std::unique_ptr<RawFramePeer>> some;
         // The channel listens on a thread of its own: it may come a moment after the servers.
         ASSERT_TRUE(eventually([&] {
-            return (some = RawFramePeer::connectAsUser(channelPath, user, QBLumentideIPC::maximumClientsPerUser))
-                .size() == QBLumentideIPC::maximumClientsPerUser;
+            return (some = RawFramePeer::connectAsUser(channelPath, user, QBLumentideIPC::maximumClientsPerUser)).size() ==
+                   QBLumentideIPC::maximumClientsPerUser;
         }));
-        for (auto& peer : some) peers.push_back(std::move(peer));
+        std::move(some.begin(), some.end(), std::back_inserter(peers));
     }
 
     std::string body = R"({"command":"c","messageid":"1","content":{"a":[{})";
     while (body.size() + 3 + 3 <= QBLumentideIPC::maximumFrameBodyLength) body += ",{}";
     body.resize(QBLumentideIPC::maximumFrameBodyLength - 3, ' ');
     const auto frame = RawFramePeer::frame(body + "]}}");
-    std::vector<std::thread> senders;
-    for (auto& peer : peers) {
-        senders.emplace_back([&] {
-            // The daemon ends such a connection; wait for that, or for the peer's patience.
-            if (peer->sendBytes(frame)) peer->waitForClose();
-        });
-    }
+    std::vector<std::thread> senders;  // the daemon ends such a connection; each waits for that
+    for (auto& peer : peers) senders.emplace_back([&] { peer->sendBytes(frame) && peer->waitForClose(); });
     for (auto& sender : senders) sender.join();
 
     std::ifstream status("/proc/" + std::to_string(daemon.processId()) + "/status");
     std::string line;
     while (std::getline(status, line) && !line.starts_with("VmHWM:")) {}
     const long peakKiB = line.starts_with("VmHWM:") ? std::stol(line.substr(6)) : -1;
-    std::printf("%zu frames of %u bytes: daemon peak resident size %ld KiB\n", peers.size(),
-                QBLumentideIPC::maximumFrameBodyLength, peakKiB);
+    std::printf("%zu frames of %u bytes: daemon peak resident size %ld KiB\n", peers.size(), QBLumentideIPC::maximumFrameBodyLength, peakKiB);
     ASSERT_GT(peakKiB, 0);
     // Sanitizers keep freed memory in quarantine and add shadow memory: plain builds only.
     EXPECT_TRUE(sanitizerSlowdown > 1 || peakKiB < 200 * 1024) << peakKiB;
 
     peers.clear();
-    EXPECT_TRUE(eventually([] {  // the slots are free again once the readers have ended
-        RawFramePeer gui(channelPath);
-        return gui.sendEnvelope({{"command", "hello"}, {"messageid", "1"}, {"content", nlohmann::json::object()}}) &&
-               gui.readEnvelope().value_or(nullptr)["content"]["status"] == "INVALID";
-    }));
+    EXPECT_TRUE(eventually(channelAnswersHello));  // the slots are free again once the readers have ended
     ASSERT_TRUE(daemon.signal(SIGTERM));
     EXPECT_EQ(daemon.waitForExit(deadline), 0) << daemon.output();
 }
@@ -224,17 +214,8 @@ TEST(ServiceProcessTest, TakesTheChannelSocketFromTheServiceManager) {
     DaemonProcess daemon;
     ASSERT_TRUE(daemon.start({"/usr/bin/systemd-socket-activate", "-l", channelPath,
                               "--fdname=MasterSocket", QB_DAEMON_PATH}));
-    std::shared_ptr<QBLumentideIPC> gui;
-    ASSERT_TRUE(eventually([&] {
-        gui = QBLumentideIPC::initWithSocketPath(channelPath, false);
-        if (gui->connect()) return true;
-        gui->shutdown();  // an endpoint holds itself until it is shut down
-        return false;
-    })) << daemon.output();
+    ASSERT_TRUE(eventually(channelAnswersHello)) << daemon.output();
     ASSERT_TRUE(listening(aliasAddress));
-    EXPECT_EQ(gui->sendMessage("hello", {{"answer", 42}}).value_or(nullptr)["status"], "INVALID");
-    gui->shutdown();
-    gui->waitForThreads(deadline);
 
     ASSERT_TRUE(daemon.signal(SIGTERM));
     EXPECT_EQ(daemon.waitForExit(deadline), 0);
