@@ -36,7 +36,8 @@ TEST(XMLTagTest, FindsWhatTheLazyPatternFinds) {
             for (int count = random() % 9; count > 0; --count) text += pieces[random() % pieces.size()];
             const auto expected = lazyPatternContents(tag, text);
             EXPECT_EQ(S::getAllXMLTags(tag, text), expected) << text;
-            EXPECT_EQ(S::getXMLTag(tag, text), expected.empty() ? std::nullopt : std::optional(expected.front())) << text;
+            EXPECT_EQ(S::getXMLTag(tag, text), expected.empty() ? std::nullopt : std::optional(expected.front()))
+                << text;
         }
     }
 }
@@ -45,7 +46,9 @@ std::string num(const std::string& text, const std::string& type = "int") {
     return "<param><value><" + type + ">" + text + "</" + type + "></value></param>";
 }
 std::string str(const std::string& text) { return num(text, "string"); }
-std::string call(std::string_view name, const std::string& params) { return methodCall(name, "<params>" + params + "</params>"); }
+std::string call(std::string_view name, const std::string& params) {
+    return methodCall(name, "<params>" + params + "</params>");
+}
 
 TEST(DispatchTest, ParametersAreDecodedAndFallBackWhenTooFew) {
     const auto commands = std::make_shared<FakeBridgeCommands>();
@@ -53,7 +56,8 @@ TEST(DispatchTest, ParametersAreDecodedAndFallBackWhenTooFew) {
     // The command call a method call document leads to.
     const auto callFor = [&](const std::string& document) {
         const auto decoded = S::decodeMethodCall(document);
-        return decoded && server->performXMLMethod(decoded->name, decoded->params) ? commands->calls().back() : "refused";
+        const bool performed = decoded && server->performXMLMethod(decoded->name, decoded->params);
+        return performed ? commands->calls().back() : "refused";
     };
     const std::pair<std::string, std::string> cases[] = {
         {call("connect", str("vpn.example") + str("443") + str(" 8080x")), "connect(vpn.example,443,8080)"},

@@ -34,7 +34,8 @@ std::string sortedHeaders(const std::string& response) {
     for (auto at = first; at < end; at = response.find("\r\n", at) + 2) {
         lines.insert(response.substr(at, response.find("\r\n", at) + 2 - at));
     }
-    return response.substr(0, first) + std::accumulate(lines.begin(), lines.end(), std::string()) + response.substr(end);
+    return response.substr(0, first) + std::accumulate(lines.begin(), lines.end(), std::string()) +
+           response.substr(end);
 }
 
 std::string expectedReply(const std::string& body, const std::string& corsHeaders = "") {
@@ -244,7 +245,8 @@ struct FullDescriptorTable {
     FullDescriptorTable() {
         ::getrlimit(RLIMIT_NOFILE, &saved);
         rlimit lowered = saved;
-        lowered.rlim_cur = std::min<rlim_t>(saved.rlim_cur, std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}) + 64);
+        const auto open = std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+        lowered.rlim_cur = std::min<rlim_t>(saved.rlim_cur, open + 64);
         ::setrlimit(RLIMIT_NOFILE, &lowered);
         for (int filler; (filler = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) fillers.push_back(filler);
         ::close(fillers.back()), fillers.pop_back();

@@ -76,7 +76,9 @@ TEST(ServiceBridgeTest, WaitsAboutTenSecondsForAGUIThenLaunchesItOnceAsTheConsol
 
     loggedIn = true;
     std::vector<std::future<std::optional<std::string>>> calls;
-    for (int i = 0; i < 20; ++i) calls.push_back(std::async(std::launch::async, [i] { return ask(addresses[i % 2], "state"); }));
+    for (int i = 0; i < 20; ++i) {
+        calls.push_back(std::async(std::launch::async, [i] { return ask(addresses[i % 2], "state"); }));
+    }
     for (auto& answer : calls) EXPECT_EQ(answer.get(), reply("launched"));
 
     pid_t standInPid = 0;
@@ -94,7 +96,10 @@ TEST(ServiceBridgeTest, WaitsAboutTenSecondsForAGUIThenLaunchesItOnceAsTheConsol
     while (std::getline(status, line)) {
         if (line.starts_with("Uid:") || line.starts_with("Gid:")) ids += line + "\n";
     }
-    const auto all4 = [](auto id) { const auto n = std::to_string(id); return n + "\t" + n + "\t" + n + "\t" + n + "\n"; };
+    const auto all4 = [](auto id) {
+        const auto n = std::to_string(id);
+        return n + "\t" + n + "\t" + n + "\t" + n + "\n";
+    };
     EXPECT_EQ(ids, "Uid:\t" + all4(nobody->userId) + "Gid:\t" + all4(nobody->groupId));
     ::kill(standInPid, SIGTERM);
     siginfo_t zombie{};  // no child of the service is left unreaped

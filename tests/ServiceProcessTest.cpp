@@ -52,7 +52,8 @@ bool channelAnswersHello() {
     const nlohmann::json hello{{"command", "hello"}, {"messageid", "1"}, {"content", {{"answer", 42}}}};
     RawFramePeer gui(channelPath);
     const auto reply = gui.sendEnvelope(hello) ? gui.readEnvelope().value_or(nullptr) : nullptr;
-    return reply.is_object() && reply.value("content", nlohmann::json()) == nlohmann::json{{"status", "INVALID"}, {"message", hello}};
+    return reply.is_object() &&
+           reply.value("content", nlohmann::json()) == nlohmann::json{{"status", "INVALID"}, {"message", hello}};
 }
 
 bool aliasListed() {
@@ -68,7 +69,8 @@ class ServiceStopSignalTest : public ::testing::TestWithParam<int> {};
 TEST_P(ServiceStopSignalTest, ServesBothAddressesAndTheChannelThenStopsCleanly) {
     QB_REQUIRE_PRIVATE_NAMESPACES();
     const bool aliasBefore = GetParam() == SIGINT;
-    ASSERT_TRUE(!aliasBefore || QBChildProcess::run("/sbin/ip", {"address", "add", "127.94.0.1/32", "dev", "lo"}).status == 0);
+    ASSERT_TRUE(!aliasBefore ||
+                QBChildProcess::run("/sbin/ip", {"address", "add", "127.94.0.1/32", "dev", "lo"}).status == 0);
     DaemonProcess daemon;
     ASSERT_TRUE(daemon.start() && listening(aliasAddress) && listening(loopbackAddress));
     EXPECT_TRUE(aliasListed());
@@ -178,8 +180,8 @@ TEST(ServiceProcessTest, LargestFramesOfTinyValuesOnEverySlotKeepTheDaemonSmall)
         std::vector<std::unique_ptr<RawFramePeer>> some;
         // The channel listens on a thread of its own: it may come a moment after the servers.
         ASSERT_TRUE(eventually([&] {
-            return (some = RawFramePeer::connectAsUser(channelPath, user, QBLumentideIPC::maximumClientsPerUser)).size() ==
-                   QBLumentideIPC::maximumClientsPerUser;
+            some = RawFramePeer::connectAsUser(channelPath, user, QBLumentideIPC::maximumClientsPerUser);
+            return some.size() == QBLumentideIPC::maximumClientsPerUser;
         }));
         std::move(some.begin(), some.end(), std::back_inserter(peers));
     }
@@ -196,7 +198,8 @@ TEST(ServiceProcessTest, LargestFramesOfTinyValuesOnEverySlotKeepTheDaemonSmall)
     std::string line;
     while (std::getline(status, line) && !line.starts_with("VmHWM:")) {}
     const long peakKiB = line.starts_with("VmHWM:") ? std::stol(line.substr(6)) : -1;
-    std::printf("%zu frames of %u bytes: daemon peak resident size %ld KiB\n", peers.size(), QBLumentideIPC::maximumFrameBodyLength, peakKiB);
+    std::printf("%zu frames of %u bytes: daemon peak resident size %ld KiB\n", peers.size(),
+                QBLumentideIPC::maximumFrameBodyLength, peakKiB);
     ASSERT_GT(peakKiB, 0);
     // Sanitizers keep freed memory in quarantine and add shadow memory: plain builds only.
     EXPECT_TRUE(sanitizerSlowdown > 1 || peakKiB < 200 * 1024) << peakKiB;

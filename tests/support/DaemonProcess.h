@@ -65,7 +65,9 @@ public:
     // was ended by a signal.
     std::optional<int> waitForExit(std::chrono::milliseconds timeout) {
         int status = 0;
-        if (pid <= 0 || !eventually([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, timeout)) return std::nullopt;
+        if (pid <= 0 || !eventually([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, timeout)) {
+            return std::nullopt;
+        }
         pid = -1;
         return WIFEXITED(status) ? std::optional(WEXITSTATUS(status)) : std::nullopt;
     }

@@ -53,7 +53,8 @@ public:
     std::optional<std::string> readResponse(Timeout timeout = std::chrono::seconds(5)) {
         for (;;) {
             const auto headEnd = received.find("\r\n\r\n"), lengthAt = received.find("Content-Length: ");
-            const auto total = headEnd + 4 + (lengthAt < headEnd ? std::strtoul(&received[lengthAt + 16], nullptr, 10) : 0);
+            const auto total =
+                headEnd + 4 + (lengthAt < headEnd ? std::strtoul(&received[lengthAt + 16], nullptr, 10) : 0);
             if (headEnd != std::string::npos && total <= received.size()) {
                 std::string response = received.substr(0, total);
                 received.erase(0, total);

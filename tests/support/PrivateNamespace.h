@@ -17,7 +17,9 @@ inline bool enterPrivateNamespaces(std::string& whyNot) {
     if (::unshare(CLONE_NEWNET | CLONE_NEWNS) != 0) return fail("unshare (needs root)");
     // Our mounts stay ours; /var/run gets a tmpfs of its own.
     if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return fail("mount");
-    if (::mount("tmpfs", "/var/run", "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755") != 0) return fail("mounting tmpfs on /var/run");
+    if (::mount("tmpfs", "/var/run", "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755") != 0) {
+        return fail("mounting tmpfs on /var/run");
+    }
     return std::system("ip link set lo up") == 0 || fail("ip link set lo up");
 }
 
