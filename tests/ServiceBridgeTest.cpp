@@ -30,7 +30,7 @@ constexpr const char* addresses[] = {"127.94.0.1", "127.0.0.1"};
 
 std::optional<std::string> ask(const char* address, std::string_view method) {
     LoopbackClient client(986, address);
-    return client.send(xmlRpcPost(methodCall(method))) ? client.readResponse(15s) : std::nullopt;
+    return client.send(xmlRpcPost(methodCall(method))) ? client.readResponse(15s * sanitizerSlowdown) : std::nullopt;
 }
 
 std::string reply(const QBKelvoXMLRPCServer::Value& value) { return QBKelvoXMLRPCServer::methodResponseReply({value}); }
@@ -87,7 +87,7 @@ TEST(ServiceBridgeTest, WaitsAboutTenSecondsForAGUIThenLaunchesItOnceAsTheConsol
         socklen_t length = sizeof peer;
         ::getsockopt(channel->clientSockets().front(), SOL_SOCKET, SO_PEERCRED, &peer, &length);
         standInPid = peer.pid;
-        std::this_thread::sleep_for(300ms);  // a second launch would connect by now
+        std::this_thread::sleep_for(300ms * sanitizerSlowdown);  // a second launch would connect by now
         EXPECT_EQ(channel->clientCount(), 1) << "one launch for all the calls";
     }
     ASSERT_GT(standInPid, 0);
