@@ -17,43 +17,35 @@ TEST(XMLTagTest, FindsWhatTheLazyPatternFinds) {
     // The reference: the literal pattern "<tag>(.+?)</tag>" in ICU, "." matching line ends.
     const auto lazyPatternContents = [](const std::string& tag, const std::string& text) {
         UErrorCode status = U_ZERO_ERROR;
-        const auto source = icu::UnicodeString::fromUTF8("<" + tag + ">(.+?)</" + tag + ">");
-        std::unique_ptr<icu::RegexPattern> pattern(
-            icu::RegexPattern::compile(source, UREGEX_DOTALL, status));
+        std::unique_ptr<icu::RegexPattern> pattern(icu::RegexPattern::compile(
+            icu::UnicodeString::fromUTF8("<" + tag + ">(.+?)</" + tag + ">"), UREGEX_DOTALL, status));
         const auto input = icu::UnicodeString::fromUTF8(text);
         std::unique_ptr<icu::RegexMatcher> matcher(pattern->matcher(input, status));
         std::vector<std::string> contents;
-        while (matcher->find(status))
-            matcher->group(1, status).toUTF8String(contents.emplace_back());
+        while (matcher->find(status)) matcher->group(1, status).toUTF8String(contents.emplace_back());
         return contents;
     };
     // Random texts of pieces that stress the shortest-run rule: tags of the name and of a longer
     // name that starts like it, lone "<", line breaks and a character outside the BMP.
     std::mt19937 random(986);
     for (const std::string tag : {"a", "value"}) {
-        const std::vector<std::string> pieces{
-            "<" + tag + ">", "</" + tag + ">",  "</" + tag + "x>", "<", "/", ">", "x",
-            "\r\n",          "\xf0\x9f\x98\x80"};
+        const std::vector<std::string> pieces{"<" + tag + ">", "</" + tag + ">", "</" + tag + "x>", "<", "/",
+                                              ">", "x", "\r\n", "\xf0\x9f\x98\x80"};
         for (int round = 0; round < 3000; ++round) {
             std::string text;
-            for (int count = random() % 9; count > 0; --count)
-                text += pieces[random() % pieces.size()];
+            for (int count = random() % 9; count > 0; --count) text += pieces[random() % pieces.size()];
             const auto expected = lazyPatternContents(tag, text);
             EXPECT_EQ(S::getAllXMLTags(tag, text), expected) << text;
-            EXPECT_EQ(S::getXMLTag(tag, text),
-                      expected.empty() ? std::nullopt : std::optional(expected.front()))
+            EXPECT_EQ(S::getXMLTag(tag, text), expected.empty() ? std::nullopt : std::optional(expected.front()))
                 << text;
         }
     }
 }
 
-std::string num(std::string_view text, std::string_view type = "int") {
-    return "<param><value><" + std::string(type) + ">" + std::string(text) + "</" +
-           std::string(type) + "></value></param>";
+std::string num(const std::string& text, const std::string& type = "int") {
+    return "<param><value><" + type + ">" + text + "</" + type + "></value></param>";
 }
-std::string str(std::string_view text) {
-    return num(text, "string");
-}
+std::string str(const std::string& text) { return num(text, "string"); }
 std::string call(std::string_view name, const std::string& params) {
     return methodCall(name, "<params>" + params + "</params>");
 }
@@ -64,37 +56,27 @@ TEST(DispatchTest, ParametersAreDecodedAndFallBackWhenTooFew) {
     // The command call a method call document leads to.
     const auto callFor = [&](const std::string& document) {
         const auto decoded = S::decodeMethodCall(document);
-        if (!decoded || !server->performXMLMethod(decoded->name, decoded->params))
-            return std::string("refused");
-        return commands->calls().back();
+        const bool performed = decoded && server->performXMLMethod(decoded->name, decoded->params);
+        return performed ? commands->calls().back() : "refused";
     };
     const std::pair<std::string, std::string> cases[] = {
-        {call("connect", str("vpn.example") + str("443") + str(" 8080x")),
-         "connect(vpn.example,443,8080)"},
-        {call("connect", str("vpn.example") + num("443") + num("8080")),
-         "connect(vpn.example,443,8080)"},
+        {call("connect", str("vpn.example") + str("443") + str(" 8080x")), "connect(vpn.example,443,8080)"},
+        {call("connect", str("vpn.example") + num("443") + num("8080")), "connect(vpn.example,443,8080)"},
         {call("authorize", str("h") + num("7", "i4") + num("1")), "authorize(h,7,1)"},
         {call("connect", str("h") + num("443")), "connect(,0,0)"},  // too few: fallbacks
         {call("connectWithToken", str("h") + num("1") + num("1", "boolean") + str("tok")),
          "connectWithToken(,0,0,)"},  // a boolean drops out
-        {call("connect", str("") + str("h") + num("1") + num("2")),
-         "connect(h,1,2)"},                                                   // so does ""
+        {call("connect", str("") + str("h") + num("1") + num("2")), "connect(h,1,2)"},  // so does ""
         {call("suspend", "<param><value>tok</value></param>"), "suspend()"},  // and a bare value
-        {call("connectWithToken", num("42") + num("1") + num("2") + num("-7")),
-         "connectWithToken(42,1,2,-7)"},
+        {call("connectWithToken", num("42") + num("1") + num("2") + num("-7")), "connectWithToken(42,1,2,-7)"},
         {call("disconnect", str("a&amp;b") + str("t2")), "disconnect(a&amp;b)"},
         {call("connect", str("h") + num(" +12x") + num("99999999999")), "connect(h,12,2147483647)"},
         {call("connect", str("h") + num("-99999999999") + str("abc")), "connect(h,-2147483648,0)"},
         {methodCall("clientOS"), "clientOS()"},
     };
-    for (const auto& [document, expected] : cases)
-        EXPECT_EQ(callFor(document), expected) << document;
-    for (const std::string name : {"clientVersion", "resume", "state", "connectionTime",
-                                   "connectionTimeDisplayable", "trafficRates", "trafficTotals"}) {
-        EXPECT_EQ(callFor(methodCall(name)), name + "()");
-    }
-    EXPECT_EQ(S::serverWithAddress(nullptr, 0, nullptr)->performXMLMethod("state", {}),
-              std::nullopt);
+    for (const auto& [document, expected] : cases) EXPECT_EQ(callFor(document), expected) << document;
+    // Every other method's name leads to its command as well: see the bridge test's table.
+    EXPECT_EQ(S::serverWithAddress(nullptr, 0, nullptr)->performXMLMethod("state", {}), std::nullopt);
 }
 
 TEST(MethodResponseTest, DocumentsHaveExactBytes) {
@@ -110,15 +92,10 @@ TEST(MethodResponseTest, DocumentsHaveExactBytes) {
         {std::string("a<b&c"), oneParam("<string>a<b&c</string>")},
         {std::int64_t{0x100000005}, oneParam("<int>5</int>")},
     };
-    for (const auto& [value, document] : cases)
-        EXPECT_EQ(S::methodResponseDocument({value}), document);
+    for (const auto& [value, document] : cases) EXPECT_EQ(S::methodResponseDocument({value}), document);
     EXPECT_EQ(S::methodResponseDocument({}), head + tail);
-    EXPECT_EQ(oneParam("<string>abc</string>").size(), 172u);
-    EXPECT_EQ(oneParam("<int>1</int>").size(), 164u);
-    EXPECT_EQ((head + tail).size(), 80u);
     // The reply's length counts bytes, not characters.
-    EXPECT_NE(S::httpReply(200, {}, "\xc3\xa9").find("\r\nContent-Length: 2\r\n"),
-              std::string::npos);
+    EXPECT_NE(S::httpReply(200, {}, "\xc3\xa9").find("\r\nContent-Length: 2\r\n"), std::string::npos);
 }
 
 TEST(RequestHeadTest, LinesAndHeadersAreSplitAsSent) {

@@ -2,7 +2,6 @@
 // keep what follows the terminator, non-waiting reads, the silence limit, complete sends, and
 // the accept loop.
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -20,14 +19,6 @@ using namespace std::chrono_literals;
 
 const auto loopback = QBIPAddress::ipAddressWithAddress("127.0.0.1");
 
-TEST(QBSocketTest, AbstractOperationsRaiseNamingTheClass) {
-    EXPECT_THROW(QBSocket().isOpen(), QBInternalInconsistencyException);
-    EXPECT_THROW(QBTCPSocket().writeData({1}), QBInternalInconsistencyException);
-    EXPECT_THAT([] { QBTCPSocket().readData(4); },
-                testing::ThrowsMessage<QBInternalInconsistencyException>(
-                    "The class QBTCPSocket is abstract and must be subclassed."));
-}
-
 TEST(QBTCPSocketConnectTest, GivesUpOnMissingHostsClosedPortsAndSilentListeners) {
     EXPECT_FALSE(QBTCPSocket().connectToHost(std::nullopt, 80, 1));
     EXPECT_FALSE(QBTCPSocket().connectToHost("", 80, 1));
@@ -40,7 +31,7 @@ TEST(QBTCPSocketConnectTest, GivesUpOnMissingHostsClosedPortsAndSilentListeners)
     const auto started = std::chrono::steady_clock::now();
     EXPECT_FALSE(stalled.connectToHost("127.0.0.1", port, 1));
     const auto waited = std::chrono::steady_clock::now() - started;
-    EXPECT_TRUE(waited >= 900ms && waited < 4s) << waited / 1ms;
+    EXPECT_TRUE(waited >= 900ms && waited < 4s * sanitizerSlowdown) << waited / 1ms;
     EXPECT_FALSE(stalled.isOpen());
     listener.close();
     EXPECT_FALSE(QBTCPSocket().connectToHost("127.0.0.1", port, 2));
@@ -58,10 +49,7 @@ protected:
     void peerSends(std::string_view bytes) const {
         ASSERT_EQ(::send(peer, bytes.data(), bytes.size(), MSG_NOSIGNAL), ssize_t(bytes.size()));
     }
-    void peerCloses() {
-        if (peer >= 0) ::close(peer);
-        peer = -1;
-    }
+    void peerCloses() { ::close(std::exchange(peer, -1)); }
 
     LogCapture log;
     QBTCPSocket listener;
@@ -75,10 +63,7 @@ TEST_F(ConnectionTest, ReadsTakeWhatHasArrivedAndLeaveWhatFollowsForTheNextRead)
     EXPECT_EQ(socket.readData(10, *buffer), 0);             // nothing has arrived
     peerSends("GET / HTTP/1.1\r\nA: b\r\n\r\nC: d\r\n\r");  // the second terminator comes in two
     EXPECT_EQ(socket.readStringTerminatedBy("\r\n\r\n", -1), "GET / HTTP/1.1\r\nA: b\r\n\r\n");
-    std::thread later([&] {
-        std::this_thread::sleep_for(50ms);
-        peerSends("\nline one\nBODY");
-    });
+    std::thread later([&] { std::this_thread::sleep_for(50ms), peerSends("\nline one\nBODY"); });
     EXPECT_EQ(socket.readStringTerminatedBy("\r\n\r\n", 5), "C: d\r\n\r\n");
     later.join();
     EXPECT_EQ(socket.readLineWithTimeout(5), "line one\n");
@@ -94,10 +79,7 @@ TEST_F(ConnectionTest, ReadsTakeWhatHasArrivedAndLeaveWhatFollowsForTheNextRead)
 
 TEST_F(ConnectionTest, SilenceLimitBoundsTheGapsNotTheWholeRead) {
     std::thread trickle([&] {
-        for (const char* byte : {"o", "k", "\n"}) {
-            std::this_thread::sleep_for(400ms);
-            peerSends(byte);
-        }
+        for (const char* byte : {"o", "k", "\n"}) std::this_thread::sleep_for(400ms), peerSends(byte);
     });
     EXPECT_EQ(socket.readLineWithTimeout(1), "ok\n");  // 1.2 s in all, never 1 s of silence
     trickle.join();
@@ -118,8 +100,7 @@ TEST_F(ConnectionTest, SendsWaitForRoomUntilEverythingIsWritten) {
     size_t received = 0;
     std::thread reader([&] {
         char chunk[65536];
-        ssize_t count = 0;
-        while (received < large.size() && (count = ::recv(peer, chunk, sizeof chunk, 0)) > 0) {
+        for (ssize_t count = 0; received < large.size() && (count = ::recv(peer, chunk, sizeof chunk, 0)) > 0;) {
             received += static_cast<size_t>(count);
         }
     });
@@ -160,8 +141,7 @@ TEST(QBTCPSocketServerTest, ServesEveryConnectionOnAThreadOfItsOwnUntilShutDown)
     ASSERT_TRUE(eventually([&] { return (port = server->localPort()) != 0; }));
     QBTCPSocket second;  // a port in use: serving returns at once, without a log line
     second.serveOnAddress(loopback, port, delegate, false);
-    EXPECT_FALSE(second.isOpen() ||
-                 second.listenOnAddress(QBIPAddress::ipAddressWithAddress("::1"), 0));
+    EXPECT_FALSE(second.isOpen() || second.listenOnAddress(QBIPAddress::ipAddressWithAddress("::1"), 0));
     LoopbackClient busy(port), other(port);
     delegate->holding = true;  // the first connection's thread stays busy after its answer
     EXPECT_TRUE(echoes(busy, "one") && echoes(other, "two"));

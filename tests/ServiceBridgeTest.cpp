@@ -1,120 +1,61 @@
-// What only the whole daemon shows: the real wait for a GUI, the stop while calls wait for it, and
-// the real launch as the console user. The daemon runs on its real port and socket path inside
-// private namespaces, with the GUI stand-in tool as its GUI application and raw HTTP as the page.
+// What only the whole service shows: the real wait for a GUI, and the real launch as the console
+// user. The service runs in this process on its real port and socket path inside private
+// namespaces, with the GUI stand-in tool as its GUI application and raw HTTP as the page. (The
+// stop while calls wait for a GUI is in ServiceProcessTest.)
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <filesystem>
 #include <fstream>
 #include <future>
-#include <sstream>
 #include <thread>
 
 #include "QBKelvoXMLRPCServer.h"
 #include "QBLumentideIPC.h"
 #include "VorbelVPNService.h"
-#include "support/DaemonProcess.h"
 #include "support/Eventually.h"
 #include "support/LoopbackClient.h"
 #include "support/PrivateNamespace.h"
 #include "support/TempDir.h"
 
-using json = nlohmann::json;
 using namespace std::chrono_literals;
 
 namespace {
 
-constexpr int bridgePort = 986;
 constexpr const char* addresses[] = {"127.94.0.1", "127.0.0.1"};
 
-std::string call(std::string_view method) { return xmlRpcPost(methodCall(method, "")); }
-
-bool daemonListens() {
-    return eventually([] {
-        return LoopbackClient(bridgePort, addresses[0]).connected() &&
-               LoopbackClient(bridgePort, addresses[1]).connected();
-    }, 10s);
-}
-
-// The stand-in's answers file in a temporary directory.
-struct Answers {
-    explicit Answers(const json& answers) { std::ofstream(path) << answers.dump(); }
-    TempDir directory;
-    const std::string path = directory.file("answers.json");
-};
-
-bool startStandIn(DaemonProcess& standIn, const Answers& answers) {
-    return standIn.start({QB_STANDIN_PATH, "--answers", answers.path});
-}
-
-std::optional<std::string> ask(const char* address, const std::string& request,
-                               std::chrono::milliseconds timeout = 15s) {
-    LoopbackClient client(bridgePort, address);
-    return client.send(request) ? client.readResponse(timeout) : std::nullopt;
+std::optional<std::string> ask(const char* address, std::string_view method) {
+    LoopbackClient client(986, address);
+    return client.send(xmlRpcPost(methodCall(method))) ? client.readResponse(15s * sanitizerSlowdown) : std::nullopt;
 }
 
 std::string reply(const QBKelvoXMLRPCServer::Value& value) { return QBKelvoXMLRPCServer::methodResponseReply({value}); }
 
 }  // namespace
 
-TEST(ServiceBridgeTest, WithoutAGUIWaitsAboutTenSecondsAndTakesOneThatConnectsMeanwhile) {
-    QB_REQUIRE_PRIVATE_NAMESPACES();
-    DaemonProcess daemon;
-    ASSERT_TRUE(daemon.start() && daemonListens());
-    // No console user in these namespaces: nothing is launched, the wait runs out.
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(ask(addresses[0], call("trafficRates")), reply("0,0"));
-    EXPECT_GE(std::chrono::steady_clock::now() - start, 9s);
-
-    auto waiting = std::async(std::launch::async, [] { return ask(addresses[1], call("state")); });
-    std::this_thread::sleep_for(1500ms);
-    const Answers answers(json{{"state", {{"content", {{"result", "from the GUI"}}}}}});
-    DaemonProcess standIn;
-    ASSERT_TRUE(startStandIn(standIn, answers));
-    EXPECT_EQ(waiting.get(), reply("from the GUI"));
-}
-
-TEST(ServiceBridgeTest, SIGTERMEndsTheDaemonWithinASecondWhileCallsWaitForTheGUI) {
-    QB_REQUIRE_PRIVATE_NAMESPACES();
-    DaemonProcess daemon;
-    ASSERT_TRUE(daemon.start() && daemonListens());
-    std::vector<std::unique_ptr<LoopbackClient>> pages;
-    for (int i = 0; i < 100; ++i) {
-        pages.push_back(std::make_unique<LoopbackClient>(bridgePort, addresses[i % 2]));
-        ASSERT_TRUE(pages.back()->send(call("state")));
-    }
-    std::this_thread::sleep_for(500ms);  // all in the GUI wait by now
-    ASSERT_TRUE(daemon.signal(SIGTERM));
-    const auto signalled = std::chrono::steady_clock::now();
-    EXPECT_EQ(daemon.waitForExit(1s * sanitizerSlowdown), 0) << daemon.standardError();
-    std::cout << "stopped after "
-              << std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - signalled).count()
-              << " ms\n";
-}
-
-// The real launch: the service in this process, a real unprivileged account as the console
-// user, a desktop entry whose program is the stand-in, and the real launcher starting it.
-TEST(ServiceBridgeTest, LaunchesTheGUIOnceAsTheConsoleUserForConcurrentCalls) {
+// A real unprivileged account as the console user, once there is one; a desktop entry whose
+// program is the stand-in, and the real launcher starting it.
+TEST(ServiceBridgeTest, WaitsAboutTenSecondsForAGUIThenLaunchesItOnceAsTheConsoleUser) {
     QB_REQUIRE_PRIVATE_NAMESPACES();
     VorbelVPNService::Settings settings;
     ASSERT_EQ(::access(settings.guiApplication.launcher.front().c_str(), X_OK), 0)
         << "the launcher " << settings.guiApplication.launcher.front() << " is not installed";
-    auto nobody = QBConsoleUser::fromPasswordDatabase("nobody");
+    const auto nobody = QBConsoleUser::fromPasswordDatabase("nobody");
     ASSERT_TRUE(nobody);
-    TempDir directory;
-    ::chmod(directory.path().c_str(), 0755);
-    const Answers answers(json{{"state", {{"content", {{"result", "launched"}}}}}});
-    ::chmod(answers.directory.path().c_str(), 0755);
-    ::chmod(answers.path.c_str(), 0644);
+    TempDir directory;  // readable by the console user
+    const auto answers = directory.file("answers.json");
+    std::ofstream(answers) << R"({"state": {"content": {"result": "launched"}}})";
+    ASSERT_EQ(::chmod(directory.path().c_str(), 0755) | ::chmod(answers.c_str(), 0644), 0);
     settings.guiApplication.applicationPath = directory.file("app.desktop");
     std::ofstream(settings.guiApplication.applicationPath)
         << "[Desktop Entry]\nType=Application\nName=Stand-in\nExec=" << QB_STANDIN_PATH
-        << " --quiet --answers " << answers.path << "\n";
-    settings.guiApplication.consoleUser = [] { return QBConsoleUser::fromPasswordDatabase("nobody"); };
+        << " --quiet --answers " << answers << "\n";
+    std::atomic<bool> loggedIn{false};
+    settings.guiApplication.consoleUser = [&] { return loggedIn ? nobody : std::nullopt; };
     auto service = std::make_shared<VorbelVPNService>(settings);
     std::thread serving([&] { service->startService(); });
     struct StopOnExit {
@@ -124,12 +65,19 @@ TEST(ServiceBridgeTest, LaunchesTheGUIOnceAsTheConsoleUserForConcurrentCalls) {
         service->stopService();
         serving.join();
     }};
+    ASSERT_TRUE(eventually([] {
+        return LoopbackClient(986, addresses[0]).connected() && LoopbackClient(986, addresses[1]).connected();
+    }, 10s));
 
+    // Nobody at the console: nothing is launched, the wait runs out.
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(ask(addresses[0], "trafficRates"), reply("0,0"));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 9s);
+
+    loggedIn = true;
     std::vector<std::future<std::optional<std::string>>> calls;
-    if (daemonListens()) {
-        for (int i = 0; i < 20; ++i) {
-            calls.push_back(std::async(std::launch::async, [i] { return ask(addresses[i % 2], call("state")); }));
-        }
+    for (int i = 0; i < 20; ++i) {
+        calls.push_back(std::async(std::launch::async, [i] { return ask(addresses[i % 2], "state"); }));
     }
     for (auto& answer : calls) EXPECT_EQ(answer.get(), reply("launched"));
 
@@ -139,7 +87,7 @@ TEST(ServiceBridgeTest, LaunchesTheGUIOnceAsTheConsoleUserForConcurrentCalls) {
         socklen_t length = sizeof peer;
         ::getsockopt(channel->clientSockets().front(), SOL_SOCKET, SO_PEERCRED, &peer, &length);
         standInPid = peer.pid;
-        std::this_thread::sleep_for(300ms);  // a second launch would connect by now
+        std::this_thread::sleep_for(300ms * sanitizerSlowdown);  // a second launch would connect by now
         EXPECT_EQ(channel->clientCount(), 1) << "one launch for all the calls";
     }
     ASSERT_GT(standInPid, 0);
@@ -148,22 +96,12 @@ TEST(ServiceBridgeTest, LaunchesTheGUIOnceAsTheConsoleUserForConcurrentCalls) {
     while (std::getline(status, line)) {
         if (line.starts_with("Uid:") || line.starts_with("Gid:")) ids += line + "\n";
     }
-    const auto all4 = [](auto id) { return (std::to_string(id) + "\t") + std::to_string(id) + "\t" + std::to_string(id) + "\t" + std::to_string(id); };
-    EXPECT_EQ(ids, "Uid:\t" + all4(nobody->userId) + "\nGid:\t" + all4(nobody->groupId) + "\n");
+    const auto all4 = [](auto id) {
+        const auto n = std::to_string(id);
+        return n + "\t" + n + "\t" + n + "\t" + n + "\n";
+    };
+    EXPECT_EQ(ids, "Uid:\t" + all4(nobody->userId) + "Gid:\t" + all4(nobody->groupId));
     ::kill(standInPid, SIGTERM);
-
-    // No child of the service is left unreaped.
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-        const auto name = entry.path().filename().string();
-        if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-        std::ifstream stat(entry.path() / "stat");
-        std::string text((std::istreambuf_iterator<char>(stat)), {});
-        const auto afterName = text.rfind(')');
-        if (afterName == std::string::npos) continue;
-        std::istringstream fields(text.substr(afterName + 2));
-        char state = 0;
-        pid_t parent = 0;
-        fields >> state >> parent;
-        EXPECT_FALSE(parent == ::getpid() && state == 'Z') << "zombie " << entry.path();
-    }
+    siginfo_t zombie{};  // no child of the service is left unreaped
+    EXPECT_TRUE(::waitid(P_ALL, 0, &zombie, WEXITED | WNOHANG | WNOWAIT) != 0 || zombie.si_pid == 0) << zombie.si_pid;
 }

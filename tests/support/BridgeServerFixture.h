@@ -1,7 +1,8 @@
 #pragma once
 // Test doubles around the bridge server:
 //  - FakeBridgeCommands records every command call as "name(arg,arg,...)" and answers "abc"
-//    (string results) or 1 (numbers); calls may come from several threads at once.
+//    (string results) or 1 (numbers); calls may come from several threads at once. Switches
+//    make it run commands on the loop thread, defer or hold state calls, or fail clientOS.
 //  - RunningBridgeServer serves a QBKelvoXMLRPCServer on 127.0.0.1 and an OS-chosen port on a
 //    thread of its own, waits until it listens, and shuts it down and joins on destruction.
 
@@ -21,37 +22,42 @@ public:
     using Text = const std::string&;
     using Number = std::int64_t;
 
-    // Whether the server may run the commands on its loop thread instead of a pool thread.
-    std::atomic<bool> atOnce{false};
-    bool answersAtOnce(std::string_view) const override { return atOnce; }
+    std::atomic<bool> atOnce{false};     // the server may run commands on its loop thread
+    std::atomic<bool> deferState{false};  // state calls start without a thread; see awaitDeferred
+    std::atomic<bool> holdState{false};   // state() waits, like a GUI slow to answer;
+    std::atomic<int> waiting{0};          // counting the calls that waited
+    std::atomic<bool> failing{false};     // clientOS() throws, like a command that fails
+
     std::vector<std::string> calls() const {
         std::lock_guard guard(lock);
         return recorded;
     }
-    // While set, state calls are started without a thread (startCommand) and finish only when
-    // the test calls the finishes that takeDeferred() hands out.
-    std::atomic<bool> deferState{false};
+    // The finishes of count deferred state calls, once that many have started (fewer after 5 s).
+    std::vector<Finish> awaitDeferred(std::size_t count) {
+        std::vector<Finish> taken;
+        eventually([&] {
+            std::lock_guard guard(lock);
+            for (auto& finish : std::exchange(deferred, {})) taken.push_back(finish);
+            return taken.size() >= count;
+        });
+        return taken;
+    }
+
+    bool answersAtOnce(std::string_view) const override { return atOnce; }
     bool startCommand(std::string_view method, const Arguments&, const Finish& finish) override {
         if (!deferState || method != "state") return false;
         std::lock_guard guard(lock);
         deferred.push_back(finish);
         return true;
     }
-    std::vector<Finish> takeDeferred() {
-        std::lock_guard guard(lock);
-        return std::exchange(deferred, {});
-    }
-    // While set, state() waits, like a command whose GUI application is slow to answer;
-    // waiting counts the calls that waited.
-    std::atomic<bool> holdState{false};
-    std::atomic<int> waiting{0};
-
-    // While set, clientOS() throws, like a command that fails.
-    std::atomic<bool> failing{false};
-
     std::string clientOS() override {
         if (failing) throw std::runtime_error("command failed");
         return record("clientOS");
+    }
+    std::string state() override {
+        if (holdState) ++waiting;
+        while (holdState) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        return record("state");
     }
     std::string clientVersion() override { return record("clientVersion"); }
     Number authorizeServer(Text s, Number p, Number w) override { return record("authorize", s, p, w); }
@@ -60,11 +66,6 @@ public:
     std::string disconnectWithSecToken(Text token) override { return record("disconnect", token); }
     std::string suspendWithSecToken(Text token) override { return record("suspend", token); }
     std::string resume() override { return record("resume"); }
-    std::string state() override {
-        if (holdState) ++waiting;
-        while (holdState) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        return record("state");
-    }
     Number connectionTime() override { return record("connectionTime"); }
     std::string connectionTimeDisplayable() override { return record("connectionTimeDisplayable"); }
     std::string trafficRates() override { return record("trafficRates"); }

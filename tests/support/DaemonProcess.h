@@ -1,46 +1,85 @@
 #pragma once
-// DaemonProcess: runs the real daemon binary (or another program of ours, such as the GUI
-// stand-in) as a child process, with its standard output and error collected into files. The
-// destructor kills and reaps a child that is still running, so no test leaves one behind.
+// DaemonProcess: runs the real daemon binary (or another program of ours) as a child process,
+// its standard output and error collected into one file. The destructor kills and reaps a child
+// that is still running, so no test leaves one behind.
 
-#include <sys/types.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <fstream>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "support/Eventually.h"
 #include "support/TempDir.h"
+
+// How the child is set up before it runs the binary.
+struct DaemonSetup {
+    bool stopPending = false;     // starts with SIGTERM blocked and already pending
+    bool withoutThreads = false;  // runs as nobody, allowed no further thread (needs root)
+};
 
 class DaemonProcess {
 public:
-    ~DaemonProcess();
+    ~DaemonProcess() {
+        if (pid > 0 && ::waitpid(pid, nullptr, WNOHANG) == 0) ::kill(pid, SIGKILL), ::waitpid(pid, nullptr, 0);
+    }
 
-    // How the child is set up before it runs the binary.
-    struct Setup {
-        bool stopPending = false;     // starts with SIGTERM blocked and already pending
-        bool withoutThreads = false;  // runs as nobody, allowed no further thread (needs root)
-    };
-
-    // Starts the binary at path (default: the daemon built with the tests), with no blocked
-    // signals whatever this process blocks. False on failure.
-    bool start(const std::string& path = QB_DAEMON_PATH) { return start(std::vector{path}); }
-    // Starts command[0] with command as its arguments, the child set up as setup says.
-    bool start(const std::vector<std::string>& command);
-    bool start(const std::vector<std::string>& command, const Setup& setup);
-    bool startWith(const Setup& setup) { return start(std::vector<std::string>{QB_DAEMON_PATH}, setup); }
-    bool signal(int signalNumber) const;
+    // Starts command[0] with command as its arguments, with no blocked signals whatever this
+    // process blocks, then as setup says. False on failure.
+    bool start(const std::vector<std::string>& command = {QB_DAEMON_PATH}, const DaemonSetup& setup = {}) {
+        std::vector<char*> arguments;
+        for (const auto& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
+        arguments.push_back(nullptr);
+        pid = ::fork();
+        if (pid == 0) {  // only async-signal-safe calls until exec
+            sigset_t mask;
+            sigemptyset(&mask);
+            if (setup.stopPending) sigaddset(&mask, SIGTERM);
+            sigprocmask(SIG_SETMASK, &mask, nullptr);
+            if (setup.stopPending) ::kill(::getpid(), SIGTERM);  // stays pending across exec
+            ::dup2(::open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
+            ::dup2(::open(outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644), STDOUT_FILENO);
+            ::dup2(STDOUT_FILENO, STDERR_FILENO);
+            // The process limit counts this user's processes and threads; nobody's one process
+            // is already all it may have. Set after setuid, which would otherwise flag the
+            // process as over the limit and make exec fail.
+            const rlimit oneProcess{1, 1};
+            if (setup.withoutThreads && (::setgroups(0, nullptr) != 0 || ::setgid(65534) != 0 ||
+                                         ::setuid(65534) != 0 || ::setrlimit(RLIMIT_NPROC, &oneProcess) != 0)) {
+                ::_exit(126);
+            }
+            ::execv(arguments[0], arguments.data());
+            ::_exit(127);
+        }
+        return pid > 0;
+    }
+    bool signal(int signalNumber) const { return pid > 0 && ::kill(pid, signalNumber) == 0; }
     // Exit status once the child has ended within timeout; nullopt when it is still running or
     // was ended by a signal.
-    std::optional<int> waitForExit(std::chrono::milliseconds timeout);
-    // What the daemon has written to standard error so far.
-    std::string standardError() const;
-    std::string standardOutput() const;
+    std::optional<int> waitForExit(std::chrono::milliseconds timeout) {
+        int status = 0;
+        if (pid <= 0 || !eventually([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, timeout)) {
+            return std::nullopt;
+        }
+        pid = -1;
+        return WIFEXITED(status) ? std::optional(WEXITSTATUS(status)) : std::nullopt;
+    }
+    // What the child has written to standard output and error so far.
+    std::string output() const {
+        std::ifstream in(outputFile);
+        return {std::istreambuf_iterator<char>(in), {}};
+    }
     pid_t processId() const { return pid; }
 
 private:
     TempDir directory;
-    const std::string errorFile = directory.file("stderr.log");
-    const std::string outputFile = directory.file("stdout.log");
+    const std::string outputFile = directory.file("output.log");
     pid_t pid = -1;
 };
