@@ -37,7 +37,7 @@ TEST_F(QBLumentideIPCDispatchTest, RequestsAndInvalidAnswersCarryIdsFromOneCount
                                           {"content", {{"status", "INVALID"}, {"message", command}}}}));
     EXPECT_TRUE(waitUntil([&] { return log.count("Invalid command", QBLog::Channel::general) == 1; }));
 
-    server->setLastMessageId(INT32_MAX - 1);
+    server->setLastSentMessageId(INT32_MAX - 1);
     for (const char* expected : {"2147483647", "0", "1"}) {
         ASSERT_TRUE(peer->sendEnvelope(command));
         EXPECT_EQ(peer->readEnvelope().value_or(json())["messageid"], expected);
@@ -106,7 +106,7 @@ TEST_F(QBLumentideIPCDispatchTest, SendsThatDoNotWaitAndSendsThatAreRefused) {
     auto unconnected = clients.emplace_back(QBLumentideIPC::initWithSocketPath(socketPath, false));
     EXPECT_EQ(unconnected->sendMessage("c", json::object()), std::nullopt);
     unconnected->sendMessageAndDontWait("c", json::object());
-    EXPECT_EQ(unconnected->lastMessageId(), 0);
+    EXPECT_EQ(unconnected->lastSentMessageId(), 0);
 }
 
 TEST_F(QBLumentideIPCDispatchTest, DelegateAnswersBecomeReplyContents) {
