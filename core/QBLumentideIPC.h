@@ -240,7 +240,8 @@ public:
     static bool setBlocking(int socket);
 
     // --- Frames on plain inputs ---
-    // The frame of an envelope; empty when its body would exceed maximumFrameBodyLength.
+    // The frame of an envelope; empty when it is not an object or its body would exceed
+    // maximumFrameBodyLength.
     static std::vector<std::uint8_t> frameWithEnvelope(const nlohmann::json& envelope);
     // Writes the frame in pieces of at most transferChunkSize; false at the first failing call.
     static bool writeFrame(const std::vector<std::uint8_t>& frame, const SendCall& send);
@@ -321,8 +322,9 @@ private:
                                            const std::string* replyId, bool getReply, int toSocket);
     std::shared_ptr<Connection> connectionFor(int socket) QB_EXCLUDES(endpointLock);
     std::shared_ptr<Connection> openConnection(int socket) const QB_REQUIRES(endpointLock);
-    bool writeMessage(Connection& connection, nlohmann::json& envelope,
-                      const std::shared_ptr<WaitingEntry>& entry, RoomWait room, std::string& messageId)
+    bool writeMessage(Connection& connection, const std::string& command, const nlohmann::json& content,
+                      const std::string* replyId, const std::shared_ptr<WaitingEntry>& entry, RoomWait room,
+                      std::string& messageId)
         QB_EXCLUDES(endpointLock, waitingLock);
     static bool writeWithinBound(Connection& connection, const std::uint8_t* bytes, std::size_t size);
     static bool writeIfRoom(Connection& connection, const std::string& bytes);
@@ -343,7 +345,7 @@ private:
     bool receiveFrames(Connection& connection, bool waitForInput);
     void handleEnvelope(nlohmann::json& envelope, std::size_t bodySize, Connection& connection);
     void handleCommand(nlohmann::json envelope, int socket);
-    void sendReply(const std::string& replyId, nlohmann::json content, int socket) QB_EXCLUDES(endpointLock);
+    void sendReply(const std::string& replyId, const nlohmann::json& content, int socket) QB_EXCLUDES(endpointLock);
     void matchReply(nlohmann::json& envelope, Connection& readingOn) QB_EXCLUDES(waitingLock);
     void endConnection(Connection& connection) QB_EXCLUDES(endpointLock, clientsLock, socketLock);
 

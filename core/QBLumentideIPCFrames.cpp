@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -15,9 +16,44 @@ using nlohmann::json;
 
 namespace QBLumentideIPCFrames {
 
-bool encodeFrame(std::string& frame, const json& envelope) {
+namespace {
+
+std::string compactJSON(const json& value) {
+    return value.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+// Names and ids are mostly printable ASCII that needs no escaping, and are then copied as they
+// are; anything else goes through the library.
+void appendString(std::string& frame, std::string_view text) {
+    const bool plain = std::all_of(text.begin(), text.end(), [](char c) {
+        const auto u = static_cast<unsigned char>(c);
+        return u >= 0x20 && u < 0x7F && u != '"' && u != '\\';
+    });
+    if (!plain) {
+        frame += compactJSON(json(std::string(text)));
+        return;
+    }
+    frame += '"';
+    frame += text;
+    frame += '"';
+}
+
+}  // namespace
+
+bool encodeFrame(std::string& frame, std::span<const Member> members) {
     frame.assign(headerSize, '\0');
-    frame += envelope.dump(-1, ' ', false, json::error_handler_t::replace);
+    frame += '{';
+    for (const Member& member : members) {
+        if (frame.size() > headerSize + 1) frame += ',';
+        appendString(frame, member.key);
+        frame += ':';
+        if (member.text) {
+            appendString(frame, *member.text);
+        } else {
+            frame += compactJSON(*member.value);
+        }
+    }
+    frame += '}';
     const std::size_t length = frame.size() - headerSize;
     if (length > QBLumentideIPC::maximumFrameBodyLength) return false;
     for (std::size_t i = 0; i < 4; ++i) frame[1 + i] = static_cast<char>((length >> (8 * i)) & 0xFF);
@@ -139,8 +175,12 @@ InboundFrames::Step InboundFrames::next(std::string_view& body, bool toppedUp) {
 using QBLumentideIPCFrames::InboundFrames;
 
 std::vector<std::uint8_t> QBLumentideIPC::frameWithEnvelope(const json& envelope) {
+    if (!envelope.is_object()) return {};
+    std::vector<QBLumentideIPCFrames::Member> members;
+    members.reserve(envelope.size());
+    for (const auto& [key, value] : envelope.items()) members.push_back({key, nullptr, &value});
     std::string frame;
-    if (!QBLumentideIPCFrames::encodeFrame(frame, envelope)) return {};
+    if (!QBLumentideIPCFrames::encodeFrame(frame, members)) return {};
     return {frame.begin(), frame.end()};
 }
 

@@ -19,10 +19,20 @@ namespace QBLumentideIPCFrames {
 // marker byte + 4 length bytes
 constexpr std::size_t headerSize = 5;
 
-// Replaces frame with the frame of envelope: the marker 0x00, the body length little-endian, the
-// compact JSON (invalid UTF-8 in strings replaced, never thrown about). False, with frame
-// unspecified, when the body would exceed QBLumentideIPC::maximumFrameBodyLength.
-bool encodeFrame(std::string& frame, const nlohmann::json& envelope);
+// One member of an envelope: a text (the command and the ids) or any JSON value (the content).
+struct Member {
+    std::string_view key;
+    const std::string* text = nullptr;
+    const nlohmann::json* value = nullptr;
+};
+
+// Replaces frame with the frame of the envelope made of members: the marker 0x00, the body
+// length little-endian, then the compact JSON of the object, members in the order given (the
+// library's own order is by key, so callers give them so), invalid UTF-8 in strings replaced
+// rather than thrown about. Writing the members straight into frame, a buffer that the caller
+// reuses, spares building an envelope object per message. False, with frame unspecified, when
+// the body would exceed QBLumentideIPC::maximumFrameBodyLength.
+bool encodeFrame(std::string& frame, std::span<const Member> members);
 
 // Writes size bytes in calls of at most transferChunkSize, each given what the last ones left;
 // false at the first call that takes nothing or fails. The header and the first body bytes so

@@ -197,23 +197,19 @@ void QBLumentideIPC::handleCommand(json envelope, int socket) {
         json refusal = json::object();
         refusal["status"] = "INVALID";
         refusal["message"] = std::move(envelope);
-        sendReply(messageId, std::move(refusal), socket);
+        sendReply(messageId, refusal, socket);
         QBLog::log("Invalid command");
         return;
     }
     if (!answer || !answer->is_object()) answer = json{{"status", "OK"}};
-    sendReply(messageId, std::move(*answer), socket);
+    sendReply(messageId, *answer, socket);
 }
 
-void QBLumentideIPC::sendReply(const std::string& replyId, json content, int socket) {
+void QBLumentideIPC::sendReply(const std::string& replyId, const json& content, int socket) {
     const std::shared_ptr<Connection> connection = connectionFor(socket);
     if (!connection) return;
-    json envelope = json::object();
-    envelope["command"] = replyCommand;
-    envelope["content"] = std::move(content);
-    envelope["replyid"] = replyId;
     std::string messageId;
-    writeMessage(*connection, envelope, nullptr, RoomWait::bounded, messageId);
+    writeMessage(*connection, replyCommand, content, &replyId, nullptr, RoomWait::bounded, messageId);
 }
 
 void QBLumentideIPC::matchReply(json& envelope, Connection& readingOn) {

@@ -57,9 +57,8 @@ void QBLumentideIPC::sendMessageToFirstClient(const std::string& command, const 
         return;
     }
     const auto entry = std::make_shared<WaitingEntry>(connection, std::move(answered));
-    json envelope = {{"command", command}, {"content", data}};
     std::string messageId;
-    if (writeMessage(*connection, envelope, entry, RoomWait::onlyIfRoom, messageId)) return;
+    if (writeMessage(*connection, command, data, nullptr, entry, RoomWait::onlyIfRoom, messageId)) return;
     // The handler is called with no lock held, unless the connection's end took it first.
     if (AnswerHandler handler = withdraw(messageId, *entry)) deliver(handler, std::nullopt);
 }
@@ -69,11 +68,10 @@ std::optional<json> QBLumentideIPC::transmit(const std::string& command, const j
     if (!content.is_object()) return std::nullopt;
     const std::shared_ptr<Connection> connection = connectionFor(toSocket);
     if (!connection) return std::nullopt;
-    json envelope = {{"command", command}, {"content", content}};
-    if (replyId) envelope["replyid"] = *replyId;  // a reply never waits
+    // A reply never waits.
     const auto entry = getReply && !replyId ? std::make_shared<WaitingEntry>(connection) : nullptr;
     std::string messageId;
-    if (!writeMessage(*connection, envelope, entry, RoomWait::bounded, messageId)) {
+    if (!writeMessage(*connection, command, content, replyId, entry, RoomWait::bounded, messageId)) {
         if (entry) withdraw(messageId, *entry);
         return std::nullopt;
     }
@@ -110,9 +108,9 @@ std::shared_ptr<QBLumentideIPC::Connection> QBLumentideIPC::openConnection(int s
     return clientConnection && clientConnection->socket == socket ? clientConnection : nullptr;
 }
 
-bool QBLumentideIPC::writeMessage(Connection& connection, json& envelope,
-                                  const std::shared_ptr<WaitingEntry>& entry, RoomWait room,
-                                  std::string& messageId) {
+bool QBLumentideIPC::writeMessage(Connection& connection, const std::string& command, const json& content,
+                                  const std::string* replyId, const std::shared_ptr<WaitingEntry>& entry,
+                                  RoomWait room, std::string& messageId) {
     // Only this connection's senders wait here: a peer that does not read holds up no one
     // else, and no longer than frameWriteTimeout.
     QBMutexLock writing(connection.writeLock);
@@ -122,8 +120,10 @@ bool QBLumentideIPC::writeMessage(Connection& connection, json& envelope,
         lastMessageId = nextMessageId(lastMessageId);
         messageId = std::to_string(lastMessageId);
     }
-    envelope["messageid"] = messageId;
-    bool written = QBLumentideIPCFrames::encodeFrame(connection.outgoing, envelope);
+    // The keys in the library's order, so that frameWithEnvelope gives the same bytes.
+    const QBLumentideIPCFrames::Member members[] = {
+        {"command", &command}, {"content", nullptr, &content}, {"messageid", &messageId}, {"replyid", replyId}};
+    bool written = QBLumentideIPCFrames::encodeFrame(connection.outgoing, std::span(members, replyId ? 4 : 3));
     if (written && entry) {
         // Registered before the first byte leaves, so that no answer can come too early.
         QBMutexLock waiting(waitingLock);
