@@ -300,7 +300,8 @@ private:
     // QBLumentideIPC.cpp
     bool startTrackedThread(std::function<void(QBLumentideIPC&)> job);
     Stopped stop() QB_EXCLUDES(waitingLock);
-    static void deliverNothing(std::vector<AnswerHandler> handlers);
+    // Handlers run with none of the endpoint's locks held (the analysis checks the callers).
+    void deliverNothing(std::vector<AnswerHandler> handlers) QB_EXCLUDES(clientsLock, waitingLock);
     void notifyClientWaiters() const QB_EXCLUDES(clientWaitLock);
 
     // QBLumentideIPCServer.cpp

@@ -103,6 +103,6 @@ TEST_F(QBLumentideIPCConcurrencyTest, AClientThatDoesNotReadHoldsUpNoOtherClient
     EXPECT_EQ(answered, 1000);
     EXPECT_EQ(clientsAfterwards, 2) << "answered only once the stalled client was gone";
     // The client that does not read loses its connection once a frame has waited too long.
-    EXPECT_TRUE(waitUntil([&] { return server->clientCount() == 1; }, QBLumentideIPC::frameWriteTimeout + std::chrono::seconds(5)));
+    EXPECT_TRUE(waitUntil([&] { return server->clientCount() == 1; }, QBLumentideIPC::frameWriteTimeout + std::chrono::seconds(5) * sanitizerSlowdown));
     EXPECT_TRUE(flooder->waitForClose());
 }

@@ -1,7 +1,8 @@
 #pragma once
 // RawFramePeer: a channel connection played by the test itself. It frames and unframes on its own
 // (marker, little-endian length, JSON body), so endpoints are checked against the wire format
-// rather than against their own code. Every connect, send and receive gives up after patience.
+// rather than against their own code. Every connect, send and receive gives up after patience
+// (stretched under sanitizers).
 
 #include <sys/types.h>
 
@@ -14,9 +15,11 @@
 
 #include <nlohmann/json.hpp>
 
+#include "support/Eventually.h"
+
 class RawFramePeer {
 public:
-    static constexpr std::chrono::seconds patience{5};
+    static constexpr std::chrono::seconds patience{5 * sanitizerSlowdown};
 
     explicit RawFramePeer(const std::string& path);  // connects; isConnected() tells
     // count peers connected one after another by a child process that has taken the user and
