@@ -22,9 +22,8 @@ public:
     static constexpr std::chrono::seconds patience{5 * sanitizerSlowdown};
 
     explicit RawFramePeer(const std::string& path);  // connects; isConnected() tells
-    // count peers connected one after another by a child process that has taken the user and
-    // group id uid (needs root), so that the server sees uid as their peer credentials. The
-    // child hands the connections over and ends before this returns; empty when it fails.
+    // count peers connected with uid as their effective user id (needs root), so that the
+    // server sees uid in their peer credentials; empty when any of them fails.
     static std::vector<std::unique_ptr<RawFramePeer>> connectAsUser(const std::string& path, uid_t uid, int count);
     ~RawFramePeer() { close(); }
     RawFramePeer(const RawFramePeer&) = delete;
@@ -48,7 +47,5 @@ public:
     void close();
 
 private:
-    struct Adopted {};
-    RawFramePeer(Adopted, int descriptor) : fd(descriptor) {}
     int fd = -1;
 };
