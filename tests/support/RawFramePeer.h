@@ -32,6 +32,11 @@ public:
     bool isConnected() const { return fd >= 0; }
     int descriptor() const { return fd; }
     static std::vector<std::uint8_t> frame(const std::string& body, std::uint8_t marker = 0);
+    // A compact command envelope with messageid id whose JSON text is exactly size bytes long.
+    static std::string envelopeOfSize(std::size_t size, const std::string& id = "1") {
+        const std::string head = R"({"command":"c","content":{"pad":")", tail = R"("},"messageid":")" + id + R"("})";
+        return head + std::string(size - head.size() - tail.size(), 'p') + tail;
+    }
     bool sendBytes(const std::vector<std::uint8_t>& bytes);  // all of them, or false
     bool sendEnvelope(const nlohmann::json& envelope) { return sendBytes(frame(envelope.dump())); }
     bool sendReply(const std::string& replyId, const nlohmann::json& content) {
