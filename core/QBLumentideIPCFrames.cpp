@@ -116,7 +116,7 @@ std::optional<json> decodeEnvelope(std::string_view body) {
 std::span<std::uint8_t> InboundFrames::reserve(std::size_t wanted) {
     if (start == end) {
         start = end = 0;
-        if (bytes.size() > retainedSize) std::vector<std::uint8_t>(receiveSize).swap(bytes);
+        if (bytes.size() > retainedBufferSize) std::vector<std::uint8_t>(receiveSize).swap(bytes);
     }
     if (bytes.size() - end < wanted) {
         std::memmove(bytes.data(), bytes.data() + start, available());

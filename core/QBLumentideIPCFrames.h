@@ -18,6 +18,9 @@ namespace QBLumentideIPCFrames {
 
 // marker byte + 4 length bytes
 constexpr std::size_t headerSize = 5;
+// A long frame makes a connection's buffers grow; between frames a connection keeps at most
+// this much of them, not a megabyte per idle connection.
+constexpr std::size_t retainedBufferSize = 64 * 1024;
 
 // One member of an envelope: a text (the command and the ids) or any JSON value (the content).
 struct Member {
@@ -84,8 +87,6 @@ private:
     // One receive call takes what a few typical frames need; fewer calls mean fewer switches
     // into the kernel, the dearest step of a round trip.
     static constexpr std::size_t receiveSize = 4096;
-    // A long body made the buffer grow; an idle connection does not keep a megabyte.
-    static constexpr std::size_t retainedSize = 64 * 1024;
 
     std::size_t available() const { return end - start; }
     std::span<std::uint8_t> reserve(std::size_t wanted);

@@ -135,9 +135,9 @@ bool QBLumentideIPC::writeMessage(Connection& connection, const std::string& com
                                          connection.outgoing.size())
                       : writeIfRoom(connection, connection.outgoing);
     }
-    // A long frame made the buffer grow; an idle connection does not keep that much.
-    constexpr std::size_t retainedSize = 64 * 1024;
-    if (connection.outgoing.capacity() > retainedSize) std::string().swap(connection.outgoing);
+    if (connection.outgoing.capacity() > QBLumentideIPCFrames::retainedBufferSize) {
+        std::string().swap(connection.outgoing);
+    }
     return written;
 }
 
