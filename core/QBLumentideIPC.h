@@ -9,52 +9,34 @@
 // "messageid", "content" and, in replies, "replyid". Every message sent by an endpoint, replies
 // included, takes the next id of its counter (1, 2, ..., 2147483647, 0, 1, ...).
 //
-// Reading: each connection has a read token; only its holder receives from the socket. A
-// sender that waits for an answer takes the token when it is free and reads the connection
-// itself (it leads): so the answer wakes only the thread that waits for it. On the way a
-// leader completes other senders' answers (they may also arrive on another connection of the
-// endpoint) and queues commands for the connection's reader thread. The reader thread hands
-// every command to the delegate, one at a time in order of arrival, and writes the replies in
-// that order. It watches the socket itself only while no sender waits on the connection, and
-// no sender leads while it watches; once it has read an answer for a waiting sender it steps
-// aside, so that the next senders lead, and it takes the socket up again at most
-// readerResumeDelay after the last of them has left.
+// Each connection has one reader thread, which hands the commands that arrive to the delegate,
+// one at a time in order of arrival, and writes their replies in that order. A sender that
+// waits for an answer may read the connection itself meanwhile (see ReadToken in
+// QBLumentideIPCConnection.h), so its answer wakes it directly.
 //
 // Invariants:
-//  - Every client descriptor is closed exactly once, by the reader thread of its connection,
-//    while it holds the connection's write lock, after it has taken the descriptor out of the
-//    client list (server) or out of _socket (client) under the endpoint lock, and after it has
-//    marked the connection ended and seen its read token free, so no leader polls or reads it
-//    and no sender writes to it any more. Everyone else only wakes its users, with
-//    shutdown(2), and only while the descriptor is known to be open.
+//  - Every client descriptor is closed exactly once, by endConnection (QBLumentideIPCReceive.cpp).
 //  - Sends on one connection are serialised by its write lock, held from taking the message id
 //    to the last byte written: frames never interleave and ids leave in the order they are
 //    made. A write waits for room at most frameWriteTimeout; a peer that takes nothing for that
 //    long loses its connection. So a client that does not read holds up only its own senders.
 //  - A sender that waits for a reply returns nothing as soon as the endpoint shuts down or the
-//    connection that carries its request ends; a reply that arrived first still wins over the
-//    end of its connection. Each of these events reaches a leader in poll() through its socket
-//    (shutdown(2)) or its connection's eventfd, and a sender that does not lead through its
-//    condition.
+//    connection that carries its request ends; a reply that arrived first still wins.
 //  - The shutdown flag is set once (atomic exchange); the rest of shutdown() runs once.
+//  - Answer handlers and delegate operations run with no lock of the endpoint held.
 //
 // Threads: any thread may call any public operation. Every thread the endpoint starts holds a
 // shared_ptr to it, so an endpoint lives until its last thread ends; waitForThreads() lets an
 // owner (tests, an orderly exit) wait for that moment. Delegate operations run on reader threads;
-// a delegate may itself send a request and wait for its answer.
-//
-// Lock order (outermost first): a connection's writeLock, endpointLock, clientsLock, socketLock,
-// waitingLock, repliesLock, then a connection's lock, which also guards the state of the
-// waiting entries of requests sent on it (each entry's condition waits on it). wakeLock,
-// clientWaitLock, delegateLock, selfLock and the thread tracker's lock are leaves. No thread
-// holds two write locks, and none takes a write lock while it holds endpointLock. No lock is
-// held while waiting for a reply or while blocked in poll() or a read; only a connection's own
-// writeLock is held while a frame is written to it, and that wait is bounded.
+// a delegate may itself send a request and wait for its answer. Each mutex names, where it is
+// declared, the fields it guards and the locks that come before it; no lock is held while
+// waiting for a reply or while blocked in poll() or a read, and only a connection's own
+// writeLock while a frame is written to it, a wait bounded by frameWriteTimeout.
 //
 //   auto ipc = QBLumentideIPC::initWithSocketPath("/run/example.socket", false);
 //   ipc->startServerOnThread();
 //   if (ipc->clientCount() > 0) {
-//       auto answer = ipc->sendMessageToFirstClient("serviceCmd", {{"command", "state"}});
+//       auto answer = ipc->sendMessageToFirstClient("serviceCmd", {{"command", "example"}});
 //   }
 //   ipc->shutdown();
 
@@ -70,12 +52,13 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include <nlohmann/json.hpp>
+
+#include "QBMutex.h"
 
 class QBLumentideIPC;
 
@@ -245,9 +228,9 @@ public:
     void sendMessageAndDontWait(const std::string& command, const nlohmann::json& data);
 
     // The reader loop of one connection; takes over the descriptor and closes it at the end.
-    // Frames on it are read with getMessage()'s rules (length bytes that the peer wrote apart
-    // end the connection), through one buffer per connection that keeps bytes which arrived
-    // beyond a frame for the next one, whichever thread holds the read token.
+    // Frames on it are read with readFrame()'s rules (length bytes that the peer wrote apart end
+    // the connection), through one buffer per connection that keeps bytes which arrived beyond
+    // a frame for the next one, whichever thread holds the read token.
     void processMessages(int socket);
     // Reads one frame from the descriptor, without reading past it; nothing when the connection
     // has ended or the frame is unreadable (zero or too long a length, length bytes split
@@ -257,7 +240,8 @@ public:
     static bool setBlocking(int socket);
 
     // --- Frames on plain inputs ---
-    // The frame of an envelope; empty when its body would exceed maximumFrameBodyLength.
+    // The frame of an envelope; empty when it is not an object or its body would exceed
+    // maximumFrameBodyLength.
     static std::vector<std::uint8_t> frameWithEnvelope(const nlohmann::json& envelope);
     // Writes the frame in pieces of at most transferChunkSize; false at the first failing call.
     static bool writeFrame(const std::vector<std::uint8_t>& frame, const SendCall& send);
@@ -274,18 +258,23 @@ public:
     std::shared_ptr<QBLumentideIPC> selfReference() const;
     void setSelfReference(std::shared_ptr<QBLumentideIPC> reference);
     // The id of the last message framed; setting it decides the next id (tests use this).
-    std::int32_t lastMessageId() const;
-    void setLastMessageId(std::int32_t value);
-    std::int32_t mode() const { return mode_.load(); }
-    std::int32_t socketState() const { return socketState_.load(); }
+    std::int32_t lastSentMessageId() const;
+    void setLastSentMessageId(std::int32_t value);
+    std::int32_t mode() const { return _mode.load(); }
+    std::int32_t socketState() const { return _socketState.load(); }
     const std::string& socketPath() const { return _path; }
-    bool isShutdown() const { return shutdownRequested.load(); }
+    bool isShutdown() const { return _shutdown.load(); }
 
 private:
     struct Connection;
     struct WaitingEntry;
-    struct OutgoingFrame;
     class ThreadTracker;
+    // How a frame may wait for room in the peer's socket buffer.
+    enum class RoomWait {
+        bounded,     // up to frameWriteTimeout; then the peer loses its connection
+        onlyIfRoom,  // its first bytes are not even tried without room; a frame that has
+                     // started is finished within frameWriteTimeout
+    };
 
     // Commands that waiting senders read while the delegate is busy wait for it in a queue of
     // at most about this many (one receive call may add a few more); then reading pauses until
@@ -302,104 +291,122 @@ private:
     // waits this long at worst.
     static constexpr std::chrono::milliseconds readerResumeDelay{2};
 
+    // What shutdown() leaves to do once its caller lets go of its locks.
+    struct Stopped {
+        std::shared_ptr<QBLumentideIPC> keepAlive;
+        std::vector<AnswerHandler> abandoned;
+    };
+
+    // QBLumentideIPC.cpp
     bool startTrackedThread(std::function<void(QBLumentideIPC&)> job);
+    Stopped stop() QB_EXCLUDES(waitingLock);
+    // Handlers run with none of the endpoint's locks held (the analysis checks the callers).
+    void deliverNothing(std::vector<AnswerHandler> handlers) QB_EXCLUDES(clientsLock, waitingLock);
+    void notifyClientWaiters() const QB_EXCLUDES(clientWaitLock);
+
+    // QBLumentideIPCServer.cpp
     bool obtainListeningSocket();
-    bool createWakePipe();
+    bool createWakePipe() QB_EXCLUDES(wakeLock);
+    int wakeReadEnd() QB_EXCLUDES(wakeLock);
     void runAcceptLoop();
     void serveClient(int client);
-    bool takeClientSlot(uid_t user);
-    void releaseClientSlot(uid_t user);
+    bool takeClientSlot(uid_t user) QB_EXCLUDES(clientsLock);
+    void releaseClientSlot(uid_t user) QB_EXCLUDES(clientsLock);
     void noteRefusedClient();
     void pauseAfterFailedAccept();
-    void tearDownServer();
+    void tearDownServer() QB_EXCLUDES(clientsLock);
     void releaseListeningSocket();
-    void closeWakePipe();
+    void closeWakePipe() QB_EXCLUDES(wakeLock);
 
+    // QBLumentideIPCSend.cpp
     std::optional<nlohmann::json> transmit(const std::string& command, const nlohmann::json& content,
                                            const std::string* replyId, bool getReply, int toSocket);
-    std::shared_ptr<Connection> openConnection(int socket) const;
-    static bool writeWithinBound(Connection& connection, const std::string& bytes);
+    std::shared_ptr<Connection> connectionFor(int socket) QB_EXCLUDES(endpointLock);
+    std::shared_ptr<Connection> openConnection(int socket) const QB_REQUIRES(endpointLock);
+    bool writeMessage(Connection& connection, const std::string& command, const nlohmann::json& content,
+                      const std::string* replyId, const std::shared_ptr<WaitingEntry>& entry, RoomWait room,
+                      std::string& messageId)
+        QB_EXCLUDES(endpointLock, waitingLock);
+    static bool writeWithinBound(Connection& connection, const std::uint8_t* bytes, std::size_t size);
     static bool writeIfRoom(Connection& connection, const std::string& bytes);
-    void enlistWaiter(WaitingEntry& entry);
-    std::optional<nlohmann::json> awaitReply(const std::string& messageId, WaitingEntry& entry);
-    bool mayLead(const Connection& connection) const;
-    void lead(WaitingEntry& entry, std::unique_lock<std::mutex>& guard);
-    static void handOff(Connection& connection);
-    static void markEnded(Connection& connection);
-    void forgetWaitingEntry(const std::string& messageId);
-    void abandonWaiters();
-    void notifyClientWaiters() const;
-    // Takes out of waitingMessages the entries with an answer handler that match, and calls each
-    // handler with nothing, after the lock is released.
-    void abandonHandlers(const std::function<bool(const WaitingEntry&)>& matches);
-    void abandonHandler(const std::string& messageId);
+    std::optional<nlohmann::json> awaitReply(const std::string& messageId, WaitingEntry& entry)
+        QB_EXCLUDES(waitingLock, repliesLock);
+    bool readAsLeader(Connection& connection);
+    AnswerHandler withdraw(const std::string& messageId, WaitingEntry& entry) QB_EXCLUDES(waitingLock);
+    std::vector<AnswerHandler> takeHandlers(const Connection* of) QB_EXCLUDES(waitingLock);
+    void abandonHandlers(const Connection& of) QB_EXCLUDES(waitingLock);
+    void abandonWaiters() QB_EXCLUDES(waitingLock);
     static void deliver(const AnswerHandler& handler, std::optional<nlohmann::json> answer);
 
-    std::shared_ptr<Connection> connectionForReader(int socket);
-    bool enterReaderLoop(const std::shared_ptr<Connection>& connection);
+    // QBLumentideIPCReceive.cpp
+    std::shared_ptr<Connection> connectionForReader(int socket) QB_EXCLUDES(endpointLock);
+    bool enterReaderLoop(const std::shared_ptr<Connection>& connection) QB_EXCLUDES(clientsLock);
     void notifyDelegate(void (QBLumentideIPCDelegate::*notification)(QBLumentideIPC&));
     void runReader(Connection& connection);
     bool receiveFrames(Connection& connection, bool waitForInput);
     void handleEnvelope(nlohmann::json& envelope, std::size_t bodySize, Connection& connection);
     void handleCommand(nlohmann::json envelope, int socket);
-    void matchReply(nlohmann::json& envelope, Connection& readingOn);
-    void endConnection(Connection& connection);
+    void sendReply(const std::string& replyId, const nlohmann::json& content, int socket) QB_EXCLUDES(endpointLock);
+    void matchReply(nlohmann::json& envelope, Connection& readingOn) QB_EXCLUDES(waitingLock);
+    void endConnection(Connection& connection) QB_EXCLUDES(endpointLock, clientsLock, socketLock);
 
     const std::string _path;
     const bool useLaunchdSocket;
 
     std::atomic<int> _socket{-1};
-    std::atomic<std::int32_t> socketState_{0};
-    std::atomic<std::int32_t> mode_{clientMode};
-    std::atomic<bool> shutdownRequested{false};
+    std::atomic<std::int32_t> _socketState{0};
+    std::atomic<std::int32_t> _mode{clientMode};
+    std::atomic<bool> _shutdown{false};
     std::atomic<bool> serverLoopStarted{false};
 
-    // Guards lastMessageId_ and clientConnection, and the removal of a connection from the
-    // places where senders look it up. Held only briefly, never while writing.
-    mutable std::mutex endpointLock;
-    std::int32_t lastMessageId_ = 0;
-    std::shared_ptr<Connection> clientConnection;  // client mode: the connection of _socket
+    // Lock order, outermost first: a connection's writeLock, endpointLock, clientsLock,
+    // socketLock, waitingLock, repliesLock, a connection's lock. The others are leaves.
 
-    // Accept loop thread only: when the last refusal was logged.
-    std::optional<std::chrono::steady_clock::time_point> lastRefusalLogged;
+    // Also guards the removal of a connection from the places where senders look it up, so a
+    // descriptor found under it is still open. Held only briefly, never while writing.
+    mutable QBMutex endpointLock;
+    std::int32_t lastMessageId QB_GUARDED_BY(endpointLock) = 0;
+    std::shared_ptr<Connection> clientConnection QB_GUARDED_BY(endpointLock);  // client mode: the one of _socket
 
-    // Guards activeConnections (server mode: the connected clients, in the order they connected)
-    // and the slot counts: clients whose reader threads run (or are starting), in all and by the
-    // user id of their peer credentials (users without a client have no entry); see
-    // maximumClients and maximumClientsPerUser.
-    mutable std::mutex clientsLock;
-    std::vector<std::shared_ptr<Connection>> activeConnections;
-    int servedClients = 0;
-    std::map<uid_t, int> servedClientsByUser;
+    // Server mode: the connected clients, in the order they connected, and the slots of the
+    // clients whose reader threads run (or are starting), in all and by the user id of their
+    // peer credentials (users without a client have no entry); see maximumClients and
+    // maximumClientsPerUser.
+    mutable QBMutex clientsLock QB_ACQUIRED_AFTER(endpointLock);
+    std::vector<std::shared_ptr<Connection>> activeSockets QB_GUARDED_BY(clientsLock);
+    int servedClients QB_GUARDED_BY(clientsLock) = 0;
+    std::map<uid_t, int> servedClientsByUser QB_GUARDED_BY(clientsLock);
 
     // Client mode: held to shut down _socket while it is open and by the reader when it gives
     // _socket up, so that shutdown() never touches a descriptor that was closed.
-    std::mutex socketLock;
+    QBMutex socketLock QB_ACQUIRED_AFTER(clientsLock);
 
-    // Guards waitingMessages: requests whose senders wait, by message id.
-    std::mutex waitingLock;
-    std::map<std::string, std::shared_ptr<WaitingEntry>> waitingMessages;
+    // Requests whose senders wait (or whose handlers do), by message id.
+    QBMutex waitingLock QB_ACQUIRED_AFTER(socketLock);
+    std::map<std::string, std::shared_ptr<WaitingEntry>> waitingMessages QB_GUARDED_BY(waitingLock);
 
-    // Guards messageReplies: answers that arrived and are not yet collected, by message id.
-    std::mutex repliesLock;
-    std::map<std::string, nlohmann::json> messageReplies;
+    // Answers that arrived and are not yet collected, by message id.
+    QBMutex repliesLock QB_ACQUIRED_AFTER(waitingLock);
+    std::map<std::string, nlohmann::json> messageReplies QB_GUARDED_BY(repliesLock);
 
-    // Guards nothing but the waits of waitForClients: clientArrivals counts connections that
-    // joined the client list, and every arrival and the shutdown notify clientsArrived. A leaf
-    // lock: no other lock is taken while it is held.
-    mutable std::mutex clientWaitLock;
+    // A leaf, for the waits of waitForClients only: clientArrivals counts connections that
+    // joined the client list, and every arrival and the shutdown notify clientsArrived.
+    mutable QBMutex clientWaitLock;
     mutable std::condition_variable clientsArrived;
     std::atomic<std::uint64_t> clientArrivals{0};
 
-    // Guards wakePipe, so that the wake byte is only written into the pipe while it is open.
-    std::mutex wakeLock;
-    int wakePipe[2] = {-1, -1};
+    // A leaf: the wake byte is only written into the pipe while it is open.
+    QBMutex wakeLock;
+    int wakePipe[2] QB_GUARDED_BY(wakeLock) = {-1, -1};
 
-    mutable std::mutex delegateLock;  // guards _delegate
-    std::weak_ptr<QBLumentideIPCDelegate> _delegate;
+    mutable QBMutex delegateLock;  // a leaf
+    std::weak_ptr<QBLumentideIPCDelegate> _delegate QB_GUARDED_BY(delegateLock);
 
-    mutable std::mutex selfLock;  // guards _selfReference
-    std::shared_ptr<QBLumentideIPC> _selfReference;
+    mutable QBMutex selfLock;  // a leaf
+    std::shared_ptr<QBLumentideIPC> _selfReference QB_GUARDED_BY(selfLock);
+
+    // Accept loop thread only: when the last refusal was logged.
+    std::optional<std::chrono::steady_clock::time_point> lastRefusalLogged;
 
     std::shared_ptr<ThreadTracker> threads;
 };

@@ -1,5 +1,7 @@
 // Many senders at once on one server endpoint, with answers and commands crossing in both
-// directions, and a client that stops reading; meant to be run under ThreadSanitizer as well.
+// directions; who reads a connection (senders that wait read it themselves and pass on what is
+// not theirs); frames whatever their sizes; a client that stops reading. Meant to be run under
+// ThreadSanitizer as well.
 
 #include <gtest/gtest.h>
 
@@ -7,6 +9,7 @@
 
 #include <cstdio>
 #include <future>
+#include <mutex>
 #include <random>
 #include <thread>
 
@@ -14,21 +17,41 @@
 
 using nlohmann::json;
 
+namespace {
+
+// Answers every command with its data, its own name and the answer to a question that it asks
+// its peer first (double data["seq"]) and waits for, on its reader thread, after a random pause
+// of up to 200 us.
+struct EchoingDelegate : QBLumentideIPCDelegate {
+    explicit EchoingDelegate(std::string name) : name(std::move(name)) {}
+    bool validateCommand(const std::string&, const json&, QBLumentideIPC&) override { return true; }
+    std::optional<json> processCommand(const std::string&, const json& data, int, QBLumentideIPC& sender) override {
+        ++processed;
+        thread_local std::minstd_rand random(std::random_device{}());
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 200));
+        const auto asked = sender.sendMessage("double", {{"n", data.value("seq", 0)}}).value_or(json());
+        return json{{"echo", data}, {"by", name}, {"asked", asked}};
+    }
+    const std::string name;
+    std::atomic<int> processed{0};
+};
+
+void append(std::vector<std::uint8_t>& bytes, const std::vector<std::uint8_t>& more) {
+    bytes.insert(bytes.end(), more.begin(), more.end());
+}
+
+}  // namespace
+
 class QBLumentideIPCConcurrencyTest : public ChannelFixture {};
 
+// The server's senders read the clients' questions while they wait, and its delegate answers
+// them; meanwhile the clients' own senders wait on their connections too.
 TEST_F(QBLumentideIPCConcurrencyTest, EveryCallerGetsItsOwnAnswer) {
     ASSERT_TRUE(startServer());
-    // Each client echoes the request's data with its name, after a random pause of up to 200 us.
-    auto echoing = [](const std::string& name) {
-        auto delegate = std::make_shared<ScriptedDelegate>();
-        delegate->process = [name](const std::string&, const json& data) -> std::optional<json> {
-            thread_local std::minstd_rand random(std::random_device{}());
-            std::this_thread::sleep_for(std::chrono::microseconds(random() % 200));
-            return json{{"echo", data}, {"by", name}};
-        };
-        return delegate;
-    };
-    auto firstDelegate = echoing("first"), secondDelegate = echoing("second");
+    auto doubling = std::make_shared<ScriptedDelegate>();  // refuses "refused"
+    doubling->process = [](const std::string&, const json& data) { return json{{"n", 2 * data.value("n", 0)}}; };
+    server->setDelegate(doubling);
+    auto firstDelegate = std::make_shared<EchoingDelegate>("first"), secondDelegate = std::make_shared<EchoingDelegate>("second");
     auto first = connectClient(firstDelegate), second = connectClient(secondDelegate);
     const int secondSocket = server->clientSockets().at(1);
 
@@ -40,14 +63,14 @@ TEST_F(QBLumentideIPCConcurrencyTest, EveryCallerGetsItsOwnAnswer) {
                 const json data = {{"thread", t}, {"seq", i}};
                 const auto answer = t % 2 ? server->sendMessage("serviceCmd", data, std::nullopt, true, secondSocket)
                                           : server->sendMessageToFirstClient("serviceCmd", data);
-                if (answer != json{{"echo", data}, {"by", t % 2 ? "second" : "first"}}) ++wrong;
+                if (answer != json{{"echo", data}, {"by", t % 2 ? "second" : "first"}, {"asked", {{"n", 2 * i}}}}) ++wrong;
             }
         });
     }
     for (const auto& client : {first, second}) {  // meanwhile the clients send to the server
         senders.emplace_back([&, client] {
             for (int i = 0; i < 100; ++i) {
-                const auto answer = client->sendMessage("guiCmd", {{"seq", i}});
+                const auto answer = client->sendMessage("refused", {{"seq", i}});
                 if (answer.value_or(json())["message"]["content"] != json{{"seq", i}}) ++wrong;
             }
         });
@@ -55,7 +78,68 @@ TEST_F(QBLumentideIPCConcurrencyTest, EveryCallerGetsItsOwnAnswer) {
     for (auto& sender : senders) sender.join();
     EXPECT_EQ(wrong, 0);
     EXPECT_EQ(firstDelegate->processed + secondDelegate->processed, 32 * 200);
+    EXPECT_EQ(doubling->processed, 32 * 200);
     EXPECT_EQ(log.count("Invalid command"), 200);
+}
+
+// Whoever reads the burst completes every waiting sender, and the commands in it still reach the
+// delegate in order, with their replies in the same order.
+TEST_F(QBLumentideIPCConcurrencyTest, AnswersForOthersAndCommandsReadOnTheWayReachTheirOwners) {
+    ASSERT_TRUE(startServer());
+    auto seen = std::make_shared<std::pair<std::mutex, std::vector<std::string>>>();
+    auto delegate = std::make_shared<ScriptedDelegate>();
+    delegate->process = [seen](const std::string& command, const json&) {
+        std::lock_guard guard(seen->first);
+        seen->second.push_back(command);
+        return std::nullopt;
+    };
+    server->setDelegate(delegate);
+    auto peer = connectRawPeer();
+    std::vector<PendingAnswer> answers;
+    for (int i = 0; i < 3; ++i) answers.push_back(requestFromFirstClient({{"i", i}}));
+    std::string ids[3];
+    for (int i = 0; i < 3; ++i) {
+        const auto request = peer->readEnvelope().value_or(json());
+        ids[request["content"].value("i", 0)] = request.value("messageid", "");
+    }
+    const auto command = [](const char* name, const char* id) {
+        return RawFramePeer::frame(json{{"command", name}, {"messageid", id}, {"content", json::object()}}.dump());
+    };
+    std::vector<std::uint8_t> burst;
+    append(burst, RawFramePeer::frame(json{{"command", "reply"}, {"messageid", "1"}, {"replyid", ids[2]}, {"content", {{"for", 2}}}}.dump()));
+    append(burst, command("first", "A"));
+    append(burst, RawFramePeer::frame(json{{"command", "reply"}, {"messageid", "2"}, {"replyid", ids[1]}, {"content", {{"for", 1}}}}.dump()));
+    append(burst, command("second", "B"));
+    append(burst, RawFramePeer::frame(json{{"command", "reply"}, {"messageid", "3"}, {"replyid", ids[0]}, {"content", {{"for", 0}}}}.dump()));
+    ASSERT_TRUE(peer->sendBytes(burst));
+
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(answers[static_cast<std::size_t>(i)].get(), (json{{"for", i}}));
+    EXPECT_EQ(peer->readEnvelope().value_or(json())["replyid"], "A");
+    EXPECT_EQ(peer->readEnvelope().value_or(json())["replyid"], "B");
+    std::lock_guard guard(seen->first);
+    EXPECT_EQ(seen->second, (std::vector<std::string>{"first", "second"}));
+}
+
+// Frames of one write whose headers straddle any receive call, bodies larger than what one call
+// takes, and a body larger than what a connection keeps buffered between frames.
+TEST_F(QBLumentideIPCConcurrencyTest, FramesOfOneBurstAreReadWhateverTheirSizes) {
+    ASSERT_TRUE(startServer());
+    auto delegate = std::make_shared<ScriptedDelegate>();  // short answers: the peer reads them only after its write
+    server->setDelegate(delegate);
+    auto peer = connectRawPeer();
+    const std::size_t sizes[] = {4093, 4094, 4095, 4096, 4097, 61, 9000, 70000, 1029, 4099, 62, 12000};
+    std::vector<std::uint8_t> burst;
+    int count = 0;
+    for (int round = 0; round < 5; ++round) {
+        for (const std::size_t size : sizes) append(burst, RawFramePeer::frame(RawFramePeer::envelopeOfSize(size - 5, std::to_string(count++))));
+    }
+    ASSERT_TRUE(peer->sendBytes(burst));
+    for (int i = 0; i < count; ++i) {
+        const auto reply = peer->readEnvelope().value_or(json());
+        ASSERT_EQ(reply["replyid"], std::to_string(i));
+        EXPECT_EQ(reply["content"], (json{{"status", "OK"}}));
+    }
+    EXPECT_EQ(server->clientCount(), 1);
 }
 
 // Sends frame again and again without waiting, until the endpoint has taken nothing for a while:
@@ -103,6 +187,6 @@ TEST_F(QBLumentideIPCConcurrencyTest, AClientThatDoesNotReadHoldsUpNoOtherClient
     EXPECT_EQ(answered, 1000);
     EXPECT_EQ(clientsAfterwards, 2) << "answered only once the stalled client was gone";
     // The client that does not read loses its connection once a frame has waited too long.
-    EXPECT_TRUE(waitUntil([&] { return server->clientCount() == 1; }, QBLumentideIPC::frameWriteTimeout + std::chrono::seconds(5)));
+    EXPECT_TRUE(waitUntil([&] { return server->clientCount() == 1; }, QBLumentideIPC::frameWriteTimeout + std::chrono::seconds(5) * sanitizerSlowdown));
     EXPECT_TRUE(flooder->waitForClose());
 }

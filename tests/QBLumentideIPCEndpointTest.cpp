@@ -4,12 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -79,8 +77,8 @@ TEST_F(QBLumentideIPCEndpointTest, ServerReplacesTheSocketFileAndRemovesItAtTheE
     std::vector<std::thread> stoppers;
     for (int i = 0; i < 8; ++i) stoppers.emplace_back([&] { server->shutdown(); });
     for (auto& stopper : stoppers) stopper.join();
-    EXPECT_TRUE(server->waitForThreads(5s));
-    EXPECT_TRUE(client->waitForThreads(5s)) << "the client sees its connection end";
+    EXPECT_TRUE(server->waitForThreads(5s * sanitizerSlowdown));
+    EXPECT_TRUE(client->waitForThreads(5s * sanitizerSlowdown)) << "the client sees its connection end";
     EXPECT_TRUE(client->isShutdown());
     EXPECT_NE(::access(socketPath.c_str(), F_OK), 0);
     EXPECT_EQ(log.count("LumentideHelper finished", QBLog::Channel::notice), 1);
@@ -88,7 +86,7 @@ TEST_F(QBLumentideIPCEndpointTest, ServerReplacesTheSocketFileAndRemovesItAtTheE
     auto early = QBLumentideIPC::initWithSocketPath(directory.file("early"), false);
     early->startServerOnThread();
     early->shutdown();  // before the loop has made its wake pipe
-    EXPECT_TRUE(early->waitForThreads(5s));
+    EXPECT_TRUE(early->waitForThreads(5s * sanitizerSlowdown));
 }
 
 TEST_F(QBLumentideIPCEndpointTest, SocketPathsUpToTheAddressLimitWorkAndLongerOnesAreRefused) {
@@ -126,7 +124,7 @@ TEST_F(QBLumentideIPCEndpointTest, ClientListDecidesShutdownIfNoClientsAndDiscon
     ASSERT_TRUE(shutDownAndWait(second));
     ASSERT_TRUE(waitUntil([&] { return server->clientCount() == 0; }));
     EXPECT_TRUE(server->shutdownIfNoClients());
-    EXPECT_TRUE(server->waitForThreads(5s));
+    EXPECT_TRUE(server->waitForThreads(5s * sanitizerSlowdown));
 }
 
 // Every connection's descriptor is closed exactly once: none is left behind, and none is closed
@@ -151,7 +149,7 @@ TEST_F(QBLumentideIPCEndpointTest, ConnectionDescriptorsAreClosedExactlyOnce) {
     server->shutdown();
     std::vector<int> opened;
     for (int i = 0; i < 200; ++i) opened.push_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    ASSERT_TRUE(server->waitForThreads(5s));
+    ASSERT_TRUE(server->waitForThreads(5s * sanitizerSlowdown));
     for (const int descriptor : opened) EXPECT_TRUE(isOpen(descriptor)) << descriptor;
     for (const int descriptor : opened) ::close(descriptor);
 }
@@ -163,7 +161,7 @@ TEST_F(QBLumentideIPCEndpointTest, ActivatedServerUsesMasterSocketAndLeavesItToT
         EXPECT_EQ(log.count("Some sockets in dictionary will be ignored", QBLog::Channel::general), 1);
         auto client = connectClient();
         ASSERT_TRUE(shutDownAndWait(server));
-        EXPECT_TRUE(client->waitForThreads(5s));
+        EXPECT_TRUE(client->waitForThreads(5s * sanitizerSlowdown));
         EXPECT_TRUE(isOpen(4)) << "the passed socket stays open";
         EXPECT_EQ(::access(socketPath.c_str(), F_OK), 0) << "and so does its file";
     }
@@ -190,8 +188,9 @@ TEST_F(QBLumentideIPCEndpointTest, ActivatedServerUsesMasterSocketAndLeavesItToT
     plain->shutdown();  // lets go of its self-reference
 }
 
-// No local user can take every slot: one past a user's share is closed at once while another
-// user still gets a slot, and a slot that a client gives back serves its user again.
+// No local user can take every slot: those past a user's share are closed at once (and logged
+// once per interval) while another user still gets a slot, and a slot that a client gives back
+// serves its user again.
 TEST_F(QBLumentideIPCEndpointTest, OneUserHoldsAtMostItsShareOfTheClientSlots) {
     constexpr uid_t hog = 60001, other = 60002;
     constexpr int share = QBLumentideIPC::maximumClientsPerUser;
@@ -201,9 +200,10 @@ TEST_F(QBLumentideIPCEndpointTest, OneUserHoldsAtMostItsShareOfTheClientSlots) {
         return peer.sendEnvelope({{"command", "ping"}, {"messageid", "1"}, {"content", json::object()}}) &&
                peer.readEnvelope().has_value();
     };
-    auto hogs = RawFramePeer::connectAsUser(socketPath, hog, share + 1);
-    ASSERT_EQ(hogs.size(), share + 1u);
-    EXPECT_TRUE(hogs.back()->waitForClose());
+    auto hogs = RawFramePeer::connectAsUser(socketPath, hog, share + 2);
+    ASSERT_EQ(hogs.size(), share + 2u);
+    for (std::size_t i = share; i < hogs.size(); ++i) EXPECT_TRUE(hogs[i]->waitForClose()) << i;
+    hogs.resize(share);
     EXPECT_TRUE(waitUntil([&] { return server->clientCount() == share; }));
     for (int i = 0; i < share; ++i) EXPECT_TRUE(served(*hogs[static_cast<std::size_t>(i)])) << i;
     auto others = RawFramePeer::connectAsUser(socketPath, other, 1);
@@ -218,33 +218,4 @@ TEST_F(QBLumentideIPCEndpointTest, OneUserHoldsAtMostItsShareOfTheClientSlots) {
         hogs.front() = std::move(again[0]);
         return true;
     }));
-}
-
-TEST_F(QBLumentideIPCEndpointTest, TenThousandConnectionsOfOneUserLeaveTheServerAnswering) {
-    constexpr int connections = 10000;
-    rlimit limit{};  // the test holds every connection; the server only its bounded share
-    ::getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = limit.rlim_max;
-    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur < connections + 512) {
-        GTEST_SKIP() << "descriptor limit too low";
-    }
-    ASSERT_TRUE(startServer());
-    auto echo = std::make_shared<ScriptedDelegate>();
-    echo->process = [](const std::string&, const json& data) -> std::optional<json> { return data; };
-    auto gui = connectClient(echo);
-    const auto started = std::chrono::steady_clock::now();
-    std::vector<std::unique_ptr<RawFramePeer>> flood;
-    for (int i = 0; i < connections; ++i) {
-        flood.push_back(std::make_unique<RawFramePeer>(socketPath));
-        ASSERT_TRUE(flood.back()->isConnected()) << i;
-    }
-    std::printf("%d connections opened in %lld ms, %d of them served\n", connections,
-                static_cast<long long>((std::chrono::steady_clock::now() - started) / 1ms), server->clientCount());
-    EXPECT_LE(server->clientCount(), QBLumentideIPC::maximumClients);
-    EXPECT_EQ(server->sendMessageToFirstClient("serviceCmd", {{"still", "here"}}), (json{{"still", "here"}}));
-    // Those beyond the bound are closed at once, with one log line per interval.
-    EXPECT_TRUE(flood.back()->waitForClose());
-    const auto intervals = (std::chrono::steady_clock::now() - started) / QBLumentideIPC::refusalLogInterval;
-    const int refusals = log.count("Too many clients; connection refused");
-    EXPECT_TRUE(refusals >= 1 && refusals <= intervals + 1) << refusals;
 }

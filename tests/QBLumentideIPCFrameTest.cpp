@@ -12,11 +12,7 @@ using nlohmann::json;
 
 namespace {
 
-// A compact envelope whose JSON text is exactly size bytes long (size >= 60).
-std::string envelopeOfSize(std::size_t size) {
-    const std::string head = R"({"command":"x","content":{"pad":")", tail = R"("},"messageid":"1"})";
-    return head + std::string(size - head.size() - tail.size(), 'a') + tail;
-}
+constexpr auto envelopeOfSize = [](std::size_t size) { return RawFramePeer::envelopeOfSize(size); };
 
 // Reads a frame from bytes; each receive call returns at most the next limit (if any).
 // Zero lengths, non-object bodies, invalid JSON and a split length are checked on a connection.

@@ -1,16 +1,6 @@
 #include "support/ChannelFixture.h"
 
 #include <stdexcept>
-#include <thread>
-
-bool waitUntil(const std::function<bool()>& predicate, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!predicate()) {
-        if (std::chrono::steady_clock::now() >= deadline) return predicate();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
 
 bool shutDownAndWait(const std::shared_ptr<QBLumentideIPC>& endpoint) {
     endpoint->shutdown();
@@ -18,7 +8,7 @@ bool shutDownAndWait(const std::shared_ptr<QBLumentideIPC>& endpoint) {
 }
 
 std::optional<nlohmann::json> PendingAnswer::get() {
-    if (isReadyBy(std::chrono::steady_clock::now() + std::chrono::seconds(5))) return answer.get();
+    if (isReadyBy(std::chrono::steady_clock::now() + std::chrono::seconds(5) * sanitizerSlowdown)) return answer.get();
     ADD_FAILURE() << "the send did not return in time";
     return std::nullopt;
 }

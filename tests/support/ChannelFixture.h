@@ -13,12 +13,16 @@
 #include <string>
 
 #include "QBLumentideIPC.h"
+#include "support/Eventually.h"
 #include "support/LogCapture.h"
 #include "support/RawFramePeer.h"
 #include "support/TempDir.h"
 
-// Polls predicate until it holds or timeout passes; returns its last value.
-bool waitUntil(const std::function<bool()>& predicate, std::chrono::milliseconds timeout = std::chrono::seconds(5));
+// eventually() with the channel tests' patience, stretched under sanitizers.
+inline bool waitUntil(const std::function<bool()>& predicate,
+                      std::chrono::milliseconds timeout = std::chrono::seconds(5) * sanitizerSlowdown) {
+    return eventually(predicate, timeout);
+}
 // Shuts endpoint down; false when its threads do not end in time.
 bool shutDownAndWait(const std::shared_ptr<QBLumentideIPC>& endpoint);
 
@@ -33,7 +37,8 @@ public:
     ~PendingAnswer() {
         if (answer.valid() && !isReadyBy(std::chrono::steady_clock::now())) endpoint->shutdown();
     }
-    // The answer within 5 s; an unfinished send counts as a test failure and gives nothing.
+    // The answer within 5 s (stretched under sanitizers); an unfinished send counts as a test
+    // failure and gives nothing.
     std::optional<nlohmann::json> get();
     bool isReadyBy(std::chrono::steady_clock::time_point deadline) const {
         return answer.wait_until(deadline) == std::future_status::ready;

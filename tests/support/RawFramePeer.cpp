@@ -1,17 +1,17 @@
 #include "support/RawFramePeer.h"
 
-#include <grp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstring>
+#include <thread>
 
 namespace {
 
-// A connected socket with the peer's time-outs, or -1. Async-signal-safe, for a forked child.
+// A connected socket with the peer's time-outs, or -1.
 int connectWithPatience(const sockaddr_un& address) {
     int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const timeval timeout{RawFramePeer::patience.count(), 0};
@@ -37,58 +37,21 @@ RawFramePeer::RawFramePeer(const std::string& path) : fd(connectWithPatience(add
 
 std::vector<std::unique_ptr<RawFramePeer>> RawFramePeer::connectAsUser(const std::string& path, uid_t uid,
                                                                         int count) {
-    // The kernel records a connection's credentials when connect() is called, so descriptors
-    // passed to this process keep the child's user id.
-    const sockaddr_un address = addressOf(path);
-    int channel[2];
-    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, channel) != 0) return {};
-    const pid_t child = ::fork();
-    if (child == 0) {  // only async-signal-safe calls: the test process may have threads
-        ::close(channel[0]);
-        if (::setgroups(0, nullptr) != 0 || ::setgid(uid) != 0 || ::setuid(uid) != 0) ::_exit(1);
-        for (int i = 0; i < count; ++i) {
-            const int connection = connectWithPatience(address);
-            if (connection < 0) ::_exit(1);
-            char control[CMSG_SPACE(sizeof(int))] = {};
-            char byte = 0;
-            iovec payload{&byte, 1};
-            msghdr message{};
-            message.msg_iov = &payload;
-            message.msg_iovlen = 1;
-            message.msg_control = control;
-            message.msg_controllen = sizeof control;
-            cmsghdr* header = CMSG_FIRSTHDR(&message);
-            header->cmsg_level = SOL_SOCKET;
-            header->cmsg_type = SCM_RIGHTS;
-            header->cmsg_len = CMSG_LEN(sizeof(int));
-            std::memcpy(CMSG_DATA(header), &connection, sizeof(int));
-            if (::sendmsg(channel[1], &message, MSG_NOSIGNAL) != 1) ::_exit(1);
-            ::close(connection);
-        }
-        ::_exit(0);
-    }
-    ::close(channel[1]);
+    // The kernel records a connection's credentials from the thread that calls connect(). The
+    // raw system call, unlike glibc's setresuid, changes the calling thread alone, so one
+    // short-lived thread connects as uid while the rest of the process keeps its ids.
     std::vector<std::unique_ptr<RawFramePeer>> peers;
-    while (child > 0 && static_cast<int>(peers.size()) < count) {
-        char control[CMSG_SPACE(sizeof(int))] = {};
-        char byte;
-        iovec payload{&byte, 1};
-        msghdr message{};
-        message.msg_iov = &payload;
-        message.msg_iovlen = 1;
-        message.msg_control = control;
-        message.msg_controllen = sizeof control;
-        if (::recvmsg(channel[0], &message, MSG_CMSG_CLOEXEC) != 1) break;
-        const cmsghdr* header = CMSG_FIRSTHDR(&message);
-        if (header == nullptr || header->cmsg_type != SCM_RIGHTS) break;
-        int descriptor;
-        std::memcpy(&descriptor, CMSG_DATA(header), sizeof(int));
-        peers.push_back(std::unique_ptr<RawFramePeer>(new RawFramePeer(Adopted{}, descriptor)));
-    }
-    ::close(channel[0]);
-    int status = 0;
-    if (child > 0) ::waitpid(child, &status, 0);
-    if (child <= 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) peers.clear();
+    std::thread([&] {
+        const uid_t original = ::geteuid();
+        if (::syscall(SYS_setresuid, -1, uid, -1) != 0) return;
+        while (static_cast<int>(peers.size()) < count) {
+            auto peer = std::unique_ptr<RawFramePeer>(new RawFramePeer(path));
+            if (!peer->isConnected()) break;
+            peers.push_back(std::move(peer));
+        }
+        ::syscall(SYS_setresuid, -1, original, -1);
+    }).join();
+    if (static_cast<int>(peers.size()) != count) peers.clear();
     return peers;
 }
 
