@@ -6,12 +6,12 @@
 #include "QBLumentideIPC.h"
 
 #include <fcntl.h>
-#include <pthread.h>
 
 #include <csignal>
 #include <utility>
 
 #include "QBLumentideIPCConnection.h"
+#include "QBThread.h"
 #include "platform/QBLog.h"
 
 using nlohmann::json;
@@ -85,41 +85,26 @@ QBLumentideIPC::~QBLumentideIPC() {
     if (remaining >= 0 && !(useLaunchdSocket && serverLoopStarted.load())) ::close(remaining);
 }
 
-bool QBLumentideIPC::startTrackedThread(std::function<void(QBLumentideIPC&)> job) {
-    struct Start {
-        std::shared_ptr<ThreadTracker> tracker;
-        std::shared_ptr<QBLumentideIPC> self;
-        std::function<void(QBLumentideIPC&)> job;
-    };
-    auto start = std::make_unique<Start>(Start{threads, shared_from_this(), std::move(job)});
-    start->tracker->starting();
-    const auto run = [](void* argument) -> void* {
-        std::unique_ptr<Start> own(static_cast<Start*>(argument));
-        try {
-            own->job(*own->self);
-        } catch (...) {
-            // The thread ends with what it was doing; the endpoint and the process go on.
-        }
-        const auto tracker = own->tracker;
-        own.reset();  // the endpoint may end here, before the thread reports its own end
-        tracker->ended();
-        return nullptr;
-    };
-    pthread_attr_t attributes;
-    bool started = ::pthread_attr_init(&attributes) == 0;
-    if (started) {
-        ::pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-        ::pthread_attr_setstacksize(&attributes, threadStackSize);
-        pthread_t thread;
-        started = ::pthread_create(&thread, &attributes, run, start.get()) == 0;
-        ::pthread_attr_destroy(&attributes);
-    }
-    if (!started) {
-        start->tracker->ended();
-        return false;
-    }
-    start.release();  // the thread owns it now
-    return true;
+bool QBLumentideIPC::startTrackedThread(std::function<void(QBLumentideIPC&)> job,
+                                        const char* role) {
+    threads->starting();
+    auto tracker = threads;
+    // The thread holds the endpoint while its job runs, and lets go of it before it reports its
+    // own end: the endpoint may end there.
+    const bool started = QBThread::startDetached(
+        [tracker, self = shared_from_this(), job = std::move(job)]() mutable {
+            try {
+                job(*self);
+            } catch (...) {
+                // The thread ends with what it was doing; the endpoint and the process go on.
+            }
+            job = nullptr;
+            self.reset();
+            tracker->ended();
+        },
+        threadStackSize, role);
+    if (!started) tracker->ended();
+    return started;
 }
 
 bool QBLumentideIPC::waitForThreads(std::chrono::milliseconds timeout) const {
@@ -168,7 +153,8 @@ bool QBLumentideIPC::connectOnNewThread(bool runOnNewThread) {
         processMessages(connection);
         return true;
     }
-    if (startTrackedThread([connection](QBLumentideIPC& endpoint) { endpoint.processMessages(connection); })) {
+    if (startTrackedThread([connection](QBLumentideIPC& endpoint) { endpoint.processMessages(connection); },
+                           readerRole)) {
         return true;
     }
     endConnection(*state);

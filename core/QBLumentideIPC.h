@@ -298,7 +298,10 @@ private:
     };
 
     // QBLumentideIPC.cpp
-    bool startTrackedThread(std::function<void(QBLumentideIPC&)> job);
+    bool startTrackedThread(std::function<void(QBLumentideIPC&)> job, const char* role);
+    // Role names of the channel's threads: the server's accept loop, a connection's reader.
+    static constexpr const char* acceptRole = "chan-accept";
+    static constexpr const char* readerRole = "chan-read";
     Stopped stop() QB_EXCLUDES(waitingLock);
     // Handlers run with none of the endpoint's locks held (the analysis checks the callers).
     void deliverNothing(std::vector<AnswerHandler> handlers) QB_EXCLUDES(clientsLock, waitingLock);

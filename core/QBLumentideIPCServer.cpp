@@ -14,10 +14,11 @@
 
 #include "QBLumentideIPC.h"
 #include "QBLumentideIPCConnection.h"
+#include "QBSocket.h"
 #include "platform/QBLog.h"
 
 void QBLumentideIPC::startServerOnThread() {
-    startTrackedThread([](QBLumentideIPC& endpoint) { endpoint.startServerAndBlock(); });
+    startTrackedThread([](QBLumentideIPC& endpoint) { endpoint.startServerAndBlock(); }, acceptRole);
 }
 
 void QBLumentideIPC::startServerAndBlock() {
@@ -176,7 +177,7 @@ void QBLumentideIPC::runAcceptLoop() {
                     return;
                 }
                 serveClient(client);
-            } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+            } else if (QBSocket::outOfResources(errno)) {
                 pauseAfterFailedAccept();
             }
         }
@@ -204,7 +205,7 @@ void QBLumentideIPC::serveClient(int client) {
                 ~Release() { endpoint.releaseClientSlot(user); }
             } release{endpoint, user};
             endpoint.processMessages(client);
-        })) {
+        }, readerRole)) {
         releaseClientSlot(peer.uid);
         ::close(client);
     }
