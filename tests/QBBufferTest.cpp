@@ -98,8 +98,8 @@ TEST(QBBufferTest, TailMatchWorksAcrossTheWrapPointAndNeverLooksBehindTheHead) {
     EXPECT_FALSE(buffer->terminatedWithBytes(nullptr, 0));
 }
 
-// Random operations checked against a plain byte vector, including positioned writes inside the
-// data and self-copies: catches index and wrap-around faults.
+// Random operations against a byte vector, with positioned writes and self-copies: index and
+// wrap-around faults.
 TEST(QBBufferTest, RandomOperationsMatchAVectorModel) {
     LogCapture quiet;  // refused writes log a line each
     std::mt19937 random(20240611);
@@ -113,8 +113,7 @@ TEST(QBBufferTest, RandomOperationsMatchAVectorModel) {
             for (auto& byte : bytes) byte = "\0\n\x80\xff"[pick(0, 3)];  // searches hit often
             switch (pick(0, 3)) {
             case 0: {  // a position outside 0..length appends
-                const int position = pick(-2, length + 2);
-                const int at = position < 0 || position > length ? length : position;
+                const int position = pick(-2, length + 2), at = position < 0 || position > length ? length : position;
                 const bool fits = count >= 1 && at + count <= size;
                 ASSERT_EQ(buffer->writeRawData(bytes.data(), count, position), fits);
                 if (!fits) break;
@@ -135,7 +134,7 @@ TEST(QBBufferTest, RandomOperationsMatchAVectorModel) {
                           found == model.end() ? -1 : found - model.begin());
                 break;
             }
-            case 3:
+            case 3:  // a copy of itself
                 const bool fits = length >= 1 && 2 * length <= size;
                 ASSERT_EQ(buffer->writeBuffer(*buffer), fits);
                 model.resize(fits ? model.size() * 2 : model.size());

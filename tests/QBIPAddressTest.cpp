@@ -4,7 +4,6 @@
 #include <sys/un.h>
 
 #include <cstring>
-#include <string>
 
 #include "QBEtherAddress.h"
 #include "QBIPAddress.h"

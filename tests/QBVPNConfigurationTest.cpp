@@ -56,8 +56,7 @@ struct InlineBlockConfiguration : QBVPNConfiguration {
         return line == *multilineCommandEndForName(name);
     }
     std::optional<std::string> multilineCommandNameForLine(std::string_view line) const override {
-        if (line == "<?>") return std::nullopt;
-        return std::string(line.substr(1, line.size() - 2));
+        return line == "<?>" ? std::nullopt : std::optional(std::string(line.substr(1, line.size() - 2)));
     }
     std::optional<std::string> multilineCommandStartForName(std::string_view name) const override {
         return "<" + std::string(name) + ">";
@@ -167,23 +166,16 @@ TEST(QBVPNConfigurationGenerationTest, WriterQuotesAndEscapesOnlyWhatTheTokenize
     const std::pair<Parameters, std::string> cases[] = {
         {{"a", "", "b"}, "a  b"}, {{"say \"hi\""}, "\"say \\\"hi\\\"\""},
         {{"back\\slash"}, "back\\\\slash"}, {{"a#b;c"}, "a\\#b\\;c"}, {{"a\t#b;c"}, "\"a\t#b;c\""}};
-    const QBVPNConfiguration document;
     for (const auto& [parameters, written] : cases)
-        EXPECT_EQ(document.generateString(parameters), written) << written;
+        EXPECT_EQ(QBVPNConfiguration().generateString(parameters), written) << written;
 }
 
-// Every pair of the units that the writer treats specially, and text outside the BMP, reads back
-// unchanged; empty parameters, line breaks and ill-formed UTF-8 cannot.
+// Quoted and escaped text reads back unchanged (any token list: the config_line fuzz target);
+// empty parameters, line breaks and ill-formed UTF-8 cannot.
 TEST(QBVPNConfigurationGenerationTest, GeneratedDocumentReadsBackToTheSameStores) {
-    const char* const units[] = {"a", " ", "\t", "\"", "\\", "#", ";", "\xC2\xA0", "\xE3\x80\x80",
-                                 "\xE2\x80\x8B", "\xF0\x9F\x98\x80"};
     QBVPNConfiguration original;
-    for (const char* first : units) {
-        QBVPNConfiguration::ParameterList parameters;
-        for (const char* second : units) parameters.push_back(std::string(first) + second);
-        original.addCommand("remote", parameters);
-        original.addMetaCommand("name", parameters);
-    }
+    original.addCommand("remote", {"a b", "#\\", "\xC2\xA0\"", "\xF0\x9F\x98\x80;"});
+    original.addMetaCommand("name", {"a\tb", "\\\"", "#x", "\xE3\x80\x80\xE2\x80\x8B"});
     original.setCommand("route", {"10.0.0.0", "", "255.0.0.0"});
     original.setCommand("setenv", {"first\nsecond tail"});
     original.setCommand("verb\xff", {"a\xc3 b"});
