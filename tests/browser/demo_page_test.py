@@ -7,8 +7,7 @@ its GUI application; the page is served from another loopback origin, so every c
 Chromium's own CORS preflight. The page's buttons call all thirteen methods; the test checks the
 answers the page shows, the frames the stand-in received, the live panel and, once the stand-in
 has stopped, the page's fallback to the second address. Screenshots go to the artifact directory.
-Exit status: 0 passed, 1 failed (also when Chromium cannot start), 77 skipped (no root or no
-namespaces: a visible SKIP).
+Exit status: 0 passed, 1 failed (also when Chromium cannot start), 77 skipped (a visible SKIP).
 """
 
 import argparse, contextlib, json, os, re, shutil, signal, socket, socketserver, subprocess
@@ -59,25 +58,25 @@ def xmlrpc(method):
 
 
 def terminate(child):
+    """SIGTERM, then SIGKILL after 5 s; the exit status."""
     if child.poll() is None:
         child.terminate()
         try:
             child.wait(5)
         except subprocess.TimeoutExpired:
             child.kill()
-            child.wait()
+    return child.wait()
 
 
 class Stage:
     """The daemon, the stand-in and the page's web server as children logging into a scratch
-    directory; close() ends them (TERM, then KILL) and removes it."""
+    directory; close() ends them and removes it."""
 
     def __init__(self, args):
         self.args, self.scratch, self.children = args, tempfile.mkdtemp(prefix="qb-demo-page-"), []
-        self.log_path, self.frames_path = (os.path.join(self.scratch, name) for name in ("processes.log", "frames.jsonl"))
-        self.log = open(self.log_path, "w")
+        self.log = open(os.path.join(self.scratch, "processes.log"), "w+")
 
-    def start(self, argv, stdout=None, ready=None, what=""):
+    def start(self, argv, ready, what, stdout=None):
         child = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=stdout or self.log, stderr=self.log)
         self.children.append(child)
         wait_for(lambda: ready() or child.poll() is not None, START_TIMEOUT, what)
@@ -85,17 +84,16 @@ class Stage:
         return child
 
     def start_daemon(self, address):
-        return self.start([self.args.daemon], ready=lambda: answers_tcp(address), what=f"the daemon on {address[0]}")
-
-    def stop(self, child):
-        terminate(child)
-        check(child.returncode == 0, f"{child.args[0]} exited with {child.returncode} on SIGTERM")
+        return self.start([self.args.daemon], lambda: answers_tcp(address), f"the daemon on {address[0]}")
 
     def close(self):
         for child in reversed(self.children):
             terminate(child)
+        self.log.seek(0)
+        tail = "".join(self.log.readlines()[-30:])
         self.log.close()
         shutil.rmtree(self.scratch, ignore_errors=True)
+        return tail
 
 
 @contextlib.contextmanager
@@ -124,12 +122,12 @@ class DemoPage:
     def element(self, element_id):
         return self.driver.find_element(self.by.ID, element_id)
 
+    def text(self, element_id):
+        return self.element(element_id).get_attribute("textContent")
+
     def type_into(self, element_id, text):
         self.element(element_id).clear()
         self.element(element_id).send_keys(str(text))
-
-    def text(self, element_id):
-        return self.element(element_id).get_attribute("textContent")
 
     def answer(self, method):
         """(state, type, value) once the row shows an answer or an error."""
@@ -178,6 +176,26 @@ def call_every_method(page):
     wait_for(lambda: page.text("live-updated") != before, ANSWER_TIMEOUT, "the live panel to refresh")
     for element_id, pattern in (("live-time", r"\d\d:\d\d:\d\d \(\d+ s\)"), ("live-rates", r"[1-9]\d*,[1-9]\d*")):
         check(re.fullmatch(pattern, page.text(element_id)), f"{element_id} shows {page.text(element_id)!r}")
+    # A method the daemon does not know gets its connection closed; the page reports it.
+    page.driver.set_script_timeout(ANSWER_TIMEOUT * 2)
+    outcome = page.driver.execute_async_script(
+        "const done = arguments[arguments.length - 1];"
+        "callMethod('State', []).then(a => done('answered ' + a.value), e => done('error ' + e.message));")
+    check(outcome.startswith("error no answer: connection closed"), f"a refused call shows {outcome!r}")
+
+
+def check_fallback_without_gui(page, stage, standin, daemon):
+    """Stops the GUI, and restarts the daemon with its first address refusing connections: the
+    page falls back to the second address and shows the default that needs no GUI."""
+    page.element("call-disconnect").click()
+    page.answer("disconnect")
+    page.wait_live(connected=False)
+    for child in (standin, daemon):
+        check(terminate(child) == 0, f"{child.args[0]} exited with {child.returncode} on SIGTERM")
+    with closing_listener(DAEMON_ADDRESS):
+        stage.start_daemon(FALLBACK_ADDRESS)
+        page.click_and_expect(("clientVersion", "string", "0.0.0,0"))
+        check(page.text("endpoint") == "%s:%d" % FALLBACK_ADDRESS, f"the page's last address is {page.text('endpoint')!r}")
 
 
 def check_gui_received(frames_path):
@@ -192,29 +210,6 @@ def check_gui_received(frames_path):
         check(content in contents, f"the GUI never received {json.dumps(content, ensure_ascii=False)}; "
                                    f"it received {len(contents)} commands")
     check({"command": "clientOS"} not in contents, "clientOS reached the GUI")
-
-
-def check_refusal_shows_as_error(driver):
-    """A method the daemon does not know gets its connection closed; the page reports it."""
-    driver.set_script_timeout(ANSWER_TIMEOUT * 2)
-    outcome = driver.execute_async_script(
-        "const done = arguments[arguments.length - 1];"
-        "callMethod('State', []).then(a => done('answered ' + a.value), e => done('error ' + e.message));")
-    check(outcome.startswith("error no answer: connection closed"), f"a refused call shows {outcome!r}")
-
-
-def check_fallback_without_gui(page, stage, standin, daemon):
-    """Stops the GUI, and restarts the daemon with its first address refusing connections: the
-    page falls back to the second address and shows the default that needs no GUI."""
-    page.element("call-disconnect").click()
-    page.answer("disconnect")
-    page.wait_live(connected=False)
-    stage.stop(standin)
-    stage.stop(daemon)
-    with closing_listener(DAEMON_ADDRESS):
-        stage.start_daemon(FALLBACK_ADDRESS)
-        page.click_and_expect(("clientVersion", "string", "0.0.0,0"))
-        check(page.text("endpoint") == "%s:%d" % FALLBACK_ADDRESS, f"the page's last address is {page.text('endpoint')!r}")
 
 
 def start_chromium(scratch):
@@ -238,38 +233,38 @@ def run_inside(args):
     subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=0755", "tmpfs", "/var/run"], check=True)
     subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
     os.makedirs(args.artifacts, exist_ok=True)
-    stage, driver, started = Stage(args), None, time.monotonic()
+    stage, driver, started, passed = Stage(args), None, time.monotonic(), False
     screenshot = lambda name: driver.save_screenshot(os.path.join(args.artifacts, f"demo-page{name}.png"))
     try:
         daemon = stage.start_daemon(DAEMON_ADDRESS)
         # The stand-in prints each frame it receives as one JSON line.
-        with open(stage.frames_path, "w") as frames:
-            standin = stage.start([args.standin, "--version", STANDIN_VERSION], stdout=frames,
-                                  ready=lambda: STANDIN_VERSION in xmlrpc("clientVersion"), what="the stand-in to connect")
+        frames_path = os.path.join(stage.scratch, "frames.jsonl")
+        with open(frames_path, "w") as frames:
+            standin = stage.start([args.standin, "--version", STANDIN_VERSION],
+                                  lambda: STANDIN_VERSION in xmlrpc("clientVersion"), "the stand-in to connect", frames)
         stage.start([sys.executable, "-m", "http.server", str(PAGE_ORIGIN[1]), "--bind", PAGE_ORIGIN[0], "--directory", args.web],
-                    ready=lambda: answers_tcp(PAGE_ORIGIN), what="the page's web server")
+                    lambda: answers_tcp(PAGE_ORIGIN), "the page's web server")
         driver = start_chromium(stage.scratch)
         driver.get("http://%s:%d/" % PAGE_ORIGIN)
         page = DemoPage(driver)
         call_every_method(page)
         screenshot("")
-        check_refusal_shows_as_error(driver)
         check_fallback_without_gui(page, stage, standin, daemon)
-        check_gui_received(stage.frames_path)
+        check_gui_received(frames_path)
         screenshot("-fallback")
         print(f"PASS: demo page in headless Chromium, {time.monotonic() - started:.1f} s; screenshots in {args.artifacts}")
-        return 0
+        passed = True
     except Exception as failure:  # a failed check, or the browser driver's own error
         print(f"FAIL: {failure if isinstance(failure, TestFailure) else repr(failure)}")
         if driver is not None:
             screenshot("-failure")
-        with open(stage.log_path) as logged:
-            print("--- daemon, stand-in and web server output (last lines):\n" + "".join(logged.readlines()[-30:]))
-        return 1
     finally:
         if driver is not None:
             driver.quit()
-        stage.close()
+        tail = stage.close()
+    if not passed:
+        print("--- daemon, stand-in and web server output (last lines):\n" + tail)
+    return 0 if passed else 1
 
 
 def main():
