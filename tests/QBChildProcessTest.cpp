@@ -102,7 +102,7 @@ TEST(QBChildProcessTest, TheTimeLimitCoversTheWholeRunAndTheWholeProcessGroup) {
             std::ifstream statFile("/proc/" + helper + "/stat");
             const std::string stat{std::istreambuf_iterator<char>(statFile), {}};
             return stat.empty() || stat.find(") Z ") != std::string::npos;
-        })) << end;
+        }, std::chrono::seconds(5 * sanitizerSlowdown))) << end;
     }
 }
 

@@ -80,7 +80,7 @@ TEST_F(QBKelvoGUIApplicationTest, ConcurrentWaitersShareOneLaunchAndTakeAClientT
     std::vector<std::future<bool>> waiters;
     for (int i = 0; i < 20; ++i)
         waiters.push_back(std::async(std::launch::async, [&] { return application.isGUIApplicationAvailableAndStartIfNeeded(true); }));
-    ASSERT_TRUE(eventually([&] { return launchAttempts > 0; }));
+    ASSERT_TRUE(eventually([&] { return launchAttempts > 0; }, 5s * sanitizerSlowdown));
     connectClient();
     for (auto& waiter : waiters) {  // woken by the connection, long before the next check
         ASSERT_EQ(waiter.wait_for(1s * sanitizerSlowdown), std::future_status::ready);
@@ -96,7 +96,7 @@ TEST_F(QBKelvoGUIApplicationTest, AWaitEndsWithFalseAtItsBoundOrWhenTheChannelSh
     EXPECT_FALSE(quick.isGUIApplicationAvailableAndStartIfNeeded(true));
     EXPECT_GE(std::chrono::steady_clock::now() - start, 100ms);
     auto waiter = std::async(std::launch::async, [&] { return slow.isGUIApplicationAvailableAndStartIfNeeded(true); });
-    ASSERT_TRUE(eventually([&] { return launchAttempts == 2; }));
+    ASSERT_TRUE(eventually([&] { return launchAttempts == 2; }, 5s * sanitizerSlowdown));
     server->shutdown();
     ASSERT_EQ(waiter.wait_for(5s * sanitizerSlowdown), std::future_status::ready);
     EXPECT_FALSE(waiter.get());
@@ -138,7 +138,7 @@ protected:
     }
     std::string report(const std::string& name) const { return directory.file("reports/" + name); }
     std::vector<std::string> reportLines(const std::string& name) {
-        EXPECT_TRUE(eventually([&] { return fs::exists(report(name)); }));
+        EXPECT_TRUE(eventually([&] { return fs::exists(report(name)); }, 5s * sanitizerSlowdown));
         std::istringstream text(readFile(report(name)));
         std::vector<std::string> lines;
         for (std::string line; std::getline(text, line);) lines.push_back(line);
