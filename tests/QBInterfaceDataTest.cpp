@@ -4,9 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 namespace {
 
 // The entries rendered as text: "address/prefix", with " peer P" for a point-to-point line; an
@@ -18,8 +15,7 @@ std::string render(const QBIPNetwork& network) {
 struct ListingCase {
     const char* name;
     std::string output;
-    std::vector<std::string> inet;
-    std::vector<std::string> inet6;
+    std::vector<std::string> inet, inet6;
     std::optional<std::string> ether;
     std::optional<std::int64_t> mtu;
 };
