@@ -3,37 +3,25 @@
 
 #include <fstream>
 #include <sstream>
-#include <string>
 
 #include "QBHost.h"
-#include "platform/QBText.h"
-
-namespace {
-
-std::string utf8(const std::u32string& codePoints) {
-    std::string out;
-    icu::UnicodeString::fromUTF32(reinterpret_cast<const UChar32*>(codePoints.data()),
-                                  static_cast<int32_t>(codePoints.size()))
-        .toUTF8String(out);
-    return out;
-}
-
-}  // namespace
 
 // tests/data/punycode_samples.txt: name, code points in hexadecimal, encoding; tab-separated.
 TEST(QBHostPunycodeTest, RFC3492SamplesEncodeAndDecode) {
-    std::ifstream in(std::string(QB_SOURCE_DIR) + "/tests/data/punycode_samples.txt");
+    std::ifstream in(QB_SOURCE_DIR "/tests/data/punycode_samples.txt");
     int samples = 0;
     for (std::string line, name, hex, encoded; std::getline(in, line);) {
         if (line.empty() || line[0] == '#') continue;
         std::istringstream fields(line);
         std::getline(std::getline(std::getline(fields, name, '\t'), hex, '\t'), encoded);
-        std::u32string codePoints;
+        icu::UnicodeString codePoints;
         std::istringstream codes(hex);
-        for (std::string code; codes >> code;) codePoints.push_back(std::stoul(code, nullptr, 16));
+        for (std::string code; codes >> code;) codePoints.append(static_cast<UChar32>(std::stoul(code, nullptr, 16)));
+        std::string utf8;
+        codePoints.toUTF8String(utf8);
         ++samples;
-        EXPECT_EQ(QBHost::punycodeEncodedString(utf8(codePoints)), encoded) << name;
-        EXPECT_EQ(QBHost::punycodeDecodedString(encoded), utf8(codePoints)) << name;
+        EXPECT_EQ(QBHost::punycodeEncodedString(utf8), encoded) << name;
+        EXPECT_EQ(QBHost::punycodeDecodedString(encoded), utf8) << name;
     }
     EXPECT_EQ(samples, 21);
 }

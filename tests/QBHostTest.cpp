@@ -1,8 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include "QBHost.h"
 
 namespace {
@@ -18,8 +15,7 @@ AddressList list(std::initializer_list<const char*> texts) {
 
 Texts texts(const std::optional<AddressList>& addresses) {
     Texts out;
-    for (const auto& address : addresses.value_or(AddressList{}))
-        out.push_back(address->address().value_or("?"));
+    for (const auto& address : addresses.value_or(AddressList{})) out.push_back(address->address().value_or("?"));
     return out;
 }
 
@@ -29,8 +25,7 @@ struct FakeResolver {
     Texts calls;
     QBHost::Resolver hook() {
         return [this](const std::string& name, std::int64_t version) {
-            calls.push_back(name + " " + std::to_string(version));
-            return version == 4 ? v4 : version == 6 ? v6 : both;
+            return calls.push_back(name + " " + std::to_string(version)), version == 4 ? v4 : version == 6 ? v6 : both;
         };
     }
 };

@@ -4,17 +4,13 @@
 #include <sys/un.h>
 
 #include <cstring>
-#include <string>
 
+#include "QBEtherAddress.h"
 #include "QBIPAddress.h"
 
 using namespace std::string_literals;
 
-namespace {
-
-const sockaddr* asSockAddr(const void* address) { return static_cast<const sockaddr*>(address); }
-
-}  // namespace
+static const sockaddr* asSockAddr(const void* address) { return static_cast<const sockaddr*>(address); }
 
 TEST(QBIPAddressTest, TextFormsGiveVersionAndCanonicalText) {
     const std::tuple<std::string, std::int64_t, std::optional<std::string>> cases[] = {
@@ -47,12 +43,10 @@ TEST(QBIPAddressTest, SetAddressReplacesOrInvalidates) {
     QBIPAddress address("10.0.0.1");
     address.setAddress("0x1:2::3:4", 6);  // the hexadecimal step runs for either version
     EXPECT_EQ(address.address(), "1:2::3:4");
-    address.setAddress("10.0.0.1", 6);
-    EXPECT_EQ(address.ipVersion(), 0);
-    address.setAddress("10.0.0.1", 4);
-    EXPECT_TRUE(address.isValid());
-    address.setAddress("10.0.0.1", 5);
-    EXPECT_EQ(address.ipVersion(), 0);
+    for (const auto& [version, result] : {std::pair{6, 0}, {4, 4}, {5, 0}}) {
+        address.setAddress("10.0.0.1", version);
+        EXPECT_EQ(address.ipVersion(), result) << version;
+    }
 }
 
 TEST(QBIPAddressTest, ReverseLookupNames) {
@@ -82,8 +76,7 @@ TEST(QBIPAddressTest, FromSocketAddressKeepsTheWholeStructure) {
 }
 
 TEST(QBIPAddressTest, FromRawBytesNeedsEnoughBytesForTheVersion) {
-    const std::vector<std::uint8_t> bytes = {0x20, 1, 0x0d, 0xb8, 0, 0, 0, 0,
-                                             0,    0, 0,    0,    0, 0, 0, 1};
+    const std::vector<std::uint8_t> bytes = {0x20, 1, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
     EXPECT_EQ(QBIPAddress::ipAddressWithAddressBytes(bytes, 6)->address(), "2001:db8::1");
     EXPECT_EQ(QBIPAddress::ipAddressWithAddressBytes(bytes, 4)->address(), "32.1.13.184");
     EXPECT_EQ(QBIPAddress::ipAddressWithAddressBytes({10, 0, 0}, 4), nullptr);
@@ -101,4 +94,20 @@ TEST(QBIPAddressTest, EqualityAndHashFollowTheAddressText) {
     const QBIPAddress none;
     EXPECT_FALSE(none.isEqualToIPAddress(&none));
     EXPECT_TRUE(none.isEqual(&none));
+}
+
+TEST(QBEtherAddressTest, RendersLowercaseWithoutLeadingZeros) {
+    EXPECT_EQ(QBEtherAddress().address(), "0:0:0:0:0:0");
+    EXPECT_EQ(QBEtherAddress("00:1C:42:0A:0B:FF").address(), "0:1c:42:a:b:ff");
+}
+
+TEST(QBEtherAddressTest, TextThatIsNotAnEthernetAddressLeavesNoAddressUntilAGoodOne) {
+    for (const auto& text : {""s, "00:1c:42:0a:0b"s, "gg:00:00:00:00:00"s, "00-1c-42-0a-0b-ff"s,
+                             "100:0:0:0:0:0"s, "0:1:2\0:3:4:5"s, "0:1:2:3:4:5\0"s}) {
+        QBEtherAddress address("0:1c:42:a:b:ff");
+        address.setAddress(text);
+        EXPECT_EQ(address.address(), std::nullopt) << text;
+        address.setAddress("2:0:0:0:0:1");
+        EXPECT_EQ(address.address(), "2:0:0:0:0:1") << text;
+    }
 }

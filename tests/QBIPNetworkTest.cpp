@@ -3,15 +3,10 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
-#include <string>
 
 #include "QBIPNetwork.h"
 
-namespace {
-
-const sockaddr* asSockAddr(const void* address) { return static_cast<const sockaddr*>(address); }
-
-}  // namespace
+static const sockaddr* asSockAddr(const void* address) { return static_cast<const sockaddr*>(address); }
 
 TEST(QBIPNetworkTest, PrefixToMaskAndBack) {
     EXPECT_EQ(QBIPNetwork::ipv4CIDRToMask(13), "255.248.0.0");
@@ -78,22 +73,18 @@ TEST(QBIPNetworkTest, ContainmentAndDefaultRoutes) {
         {"::/0", "2001:db8::1", true}, {"::/0", "10.0.0.1", false},
         {"2001:db8::/33", "2001:db8:7fff::1", true}, {"2001:db8::/33", "2001:db8:8000::1", false},
         {"2001:db8::1/128", "2001:db8::2", false}, {"bogus/8", "10.0.0.1", false}};
-    for (const auto& [network, address, contained] : cases) {
-        EXPECT_EQ(QBIPNetwork(network).networkContainsIPAddress(QBIPAddress(address)), contained)
-            << network << " " << address;
-    }
+    for (const auto& [network, address, contained] : cases)
+        EXPECT_EQ(QBIPNetwork(network).networkContainsIPAddress(QBIPAddress(address)), contained) << network << " " << address;
     for (const auto& [text, isDefault] :
          {std::pair{"0.0.0.0/0", true}, {"::/0", true}, {"0.0.0.0/8", false},
           {"10.0.0.0/0", false}, {"::/64", false}, {"::1/0", false}, {"", false}})
         EXPECT_EQ(QBIPNetwork(text).isDefault(), isDefault) << text;
-    sockaddr_in any{};
-    any.sin_family = AF_INET;
+    const sockaddr_in any{AF_INET, 0, {}, {}};
     EXPECT_TRUE(QBIPNetwork(asSockAddr(&any)).isDefault());  // no mask counts as the zero mask
 }
 
 TEST(QBIPNetworkTest, PrefixFromIPv6MaskSocketAddress) {
-    sockaddr_in6 mask{};
-    mask.sin6_family = AF_INET6;
+    sockaddr_in6 mask{AF_INET6, 0, 0, {}, 0};
     QBIPNetwork network(asSockAddr(&mask));  // from a socket address: no prefix yet
     EXPECT_EQ(network.addressAndMask(), "::/-1");
     EXPECT_FALSE(network.networkContainsIPAddress(QBIPAddress("::")));

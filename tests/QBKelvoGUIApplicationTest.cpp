@@ -4,18 +4,17 @@
 #include "QBKelvoGUIApplication.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
-#include <functional>
-#include <regex>
 #include <fstream>
+#include <functional>
 #include <future>
+#include <regex>
 #include <sstream>
 
 #include "platform/QBDesktopEntry.h"
@@ -23,11 +22,12 @@
 #include "support/Eventually.h"
 
 using namespace std::chrono_literals;
+namespace fs = std::filesystem;
 
 namespace {
 
 void writeFile(const std::string& path, const std::string& text) {
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    fs::create_directories(fs::path(path).parent_path());
     std::ofstream(path) << text;
 }
 
@@ -46,10 +46,7 @@ protected:
         QBKelvoGUIApplication::Settings settings;
         settings.applicationPath = directory.file("fixed/app.desktop");
         settings.dataDirectories = {directory.file("local"), directory.file("share")};
-        settings.consoleUser = [this]() -> std::optional<QBConsoleUser> {
-            ++launchAttempts;
-            return std::nullopt;
-        };
+        settings.consoleUser = [this] { return ++launchAttempts, std::optional<QBConsoleUser>(); };
         settings.checkInterval = interval;
         return settings;
     }
@@ -61,20 +58,15 @@ TEST_F(QBKelvoGUIApplicationTest, FindsTheApplicationAtItsPlaceThenByIdentifier)
     const auto settings = countingSettings(1ms);
     QBKelvoGUIApplication application(server, settings);
     const std::string byId = directory.file("share/applications/com.kelvo.KelvoTunnelwright.desktop");
-    const std::string entry = "[Desktop Entry]\nX-Kelvo-ShortVersion = 1.2.3\nX-Kelvo-BuildVersion=45\n";
-
     EXPECT_EQ(application.getGUIApplicationPath(), std::nullopt);
-    std::filesystem::create_directories(settings.applicationPath);  // a folder is no entry
-    writeFile(byId, entry);
+    fs::create_directories(settings.applicationPath);  // a folder is no entry
+    writeFile(byId, "[Desktop Entry]\nX-Kelvo-ShortVersion = 1.2.3\nX-Kelvo-BuildVersion=45\n");
     EXPECT_EQ(application.getGUIApplicationPath(), byId);
     EXPECT_EQ(application.installedVersion(), "1.2.3,45");
-
     // An earlier data directory hides later ones, also by marking its entry deleted.
-    writeFile(directory.file("local/applications/com.kelvo.KelvoTunnelwright.desktop"),
-              "[Desktop Entry]\nHidden=true\n");
+    writeFile(directory.file("local/applications/com.kelvo.KelvoTunnelwright.desktop"), "[Desktop Entry]\nHidden=true\n");
     EXPECT_EQ(application.getGUIApplicationPath(), std::nullopt);
-
-    std::filesystem::remove(settings.applicationPath);
+    fs::remove(settings.applicationPath);
     writeFile(settings.applicationPath, "[Desktop Entry]\nX-Kelvo-ShortVersion=9\n[Other]\nX-Kelvo-BuildVersion=1\n");
     EXPECT_EQ(application.getGUIApplicationPath(), settings.applicationPath);
     EXPECT_EQ(application.installedVersion(), std::nullopt) << "a key outside the entry's group";
@@ -85,17 +77,12 @@ TEST_F(QBKelvoGUIApplicationTest, ConcurrentWaitersShareOneLaunchAndTakeAClientT
     QBKelvoGUIApplication application(server, countingSettings(2s * sanitizerSlowdown));
     EXPECT_FALSE(application.isGUIApplicationAvailableAndStartIfNeeded(false));
     EXPECT_EQ(launchAttempts, 0);
-
     std::vector<std::future<bool>> waiters;
-    for (int i = 0; i < 20; ++i) {
-        waiters.push_back(std::async(std::launch::async, [&] {
-            return application.isGUIApplicationAvailableAndStartIfNeeded(true);
-        }));
-    }
-    ASSERT_TRUE(eventually([&] { return launchAttempts > 0; }));
+    for (int i = 0; i < 20; ++i)
+        waiters.push_back(std::async(std::launch::async, [&] { return application.isGUIApplicationAvailableAndStartIfNeeded(true); }));
+    ASSERT_TRUE(eventually([&] { return launchAttempts > 0; }, 5s * sanitizerSlowdown));
     connectClient();
-    // Woken by the connection, long before the next check would have come.
-    for (auto& waiter : waiters) {
+    for (auto& waiter : waiters) {  // woken by the connection, long before the next check
         ASSERT_EQ(waiter.wait_for(1s * sanitizerSlowdown), std::future_status::ready);
         EXPECT_TRUE(waiter.get());
     }
@@ -104,36 +91,22 @@ TEST_F(QBKelvoGUIApplicationTest, ConcurrentWaitersShareOneLaunchAndTakeAClientT
 }
 
 TEST_F(QBKelvoGUIApplicationTest, AWaitEndsWithFalseAtItsBoundOrWhenTheChannelShutsDown) {
-    QBKelvoGUIApplication quick(server, countingSettings(10ms));
+    QBKelvoGUIApplication quick(server, countingSettings(10ms)), slow(server, countingSettings(10s));
     const auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(quick.isGUIApplicationAvailableAndStartIfNeeded(true));
     EXPECT_GE(std::chrono::steady_clock::now() - start, 100ms);
-
-    QBKelvoGUIApplication slow(server, countingSettings(10s));
-    auto waiter = std::async(std::launch::async, [&] {
-        return slow.isGUIApplicationAvailableAndStartIfNeeded(true);
-    });
-    ASSERT_TRUE(eventually([&] { return launchAttempts == 2; }));
+    auto waiter = std::async(std::launch::async, [&] { return slow.isGUIApplicationAvailableAndStartIfNeeded(true); });
+    ASSERT_TRUE(eventually([&] { return launchAttempts == 2; }, 5s * sanitizerSlowdown));
     server->shutdown();
-    ASSERT_EQ(waiter.wait_for(5s), std::future_status::ready);
+    ASSERT_EQ(waiter.wait_for(5s * sanitizerSlowdown), std::future_status::ready);
     EXPECT_FALSE(waiter.get());
     EXPECT_FALSE(slow.isGUIApplicationAvailableAndStartIfNeeded(true));
     EXPECT_EQ(launchAttempts, 2) << "no launch once the channel has shut down";
 }
 
-// What a launched program finds, one line each: its user, group and groups; the descriptors it
-// holds (0 to 63); where its output goes; its working directory; its session variables; and the
-// arguments it was given. Written whole, by rename, so that a reader never sees half of it.
-std::vector<std::string> probe(const std::string& report) {
-    return {"/bin/bash", "-c",
-            "for fd in $(seq 0 63); do [ -e /proc/$$/fd/$fd ] && fds=\"$fds$fd \"; done; "
-            "output=$(readlink /proc/$$/fd/1); "
-            "{ id -u; id -g; id -G; echo \"$fds\"; echo \"$output\"; pwd; "
-            "echo \"$DISPLAY $XDG_RUNTIME_DIR\"; echo \"$*\"; } > " +
-                report + ".part && mv " + report + ".part " + report,
-            "sh"};
-}
-
+// Launches a probe that reports what it finds, one line each: user, group and groups; the
+// descriptors it holds (0 to 63); where its output goes; working directory; session variables;
+// arguments. Written whole, by rename, so that a reader never sees half of it.
 class QBKelvoGUIApplicationLaunchTest : public QBKelvoGUIApplicationTest {
 protected:
     void SetUp() override {
@@ -141,41 +114,39 @@ protected:
         QBKelvoGUIApplicationTest::SetUp();
         auto found = QBConsoleUser::fromPasswordDatabase("nobody");
         ASSERT_TRUE(found) << "no user 'nobody' in the password database";
-        nobody = *found;
-        nobody.display = ":5";
-        // The launched programs write their reports as nobody; the entry stays root's alone.
+        user = nobody = *found;
+        user.display = nobody.display = ":5";
+        // The probes write their reports as nobody; the entry stays root's alone.
         ::chmod(directory.path().c_str(), 0711);
-        std::filesystem::create_directory(directory.file("reports"));
+        fs::create_directory(directory.file("reports"));
         ::chmod(directory.file("reports").c_str(), 0777);
         settings.applicationPath = directory.file("app.desktop");
         writeFile(settings.applicationPath, "[Desktop Entry]\n");
-        settings.launcher = probe(report("launched"));
+        settings.launcher = probe("launched");
         settings.serviceManager.runtimeDirectoryRoot = directory.file("run");
         settings.consoleUser = [this] { return std::optional(user); };
-        user = nobody;
+        for (const auto group : nobody.supplementaryGroups()) groups += (groups.empty() ? "" : " ") + std::to_string(group);
     }
 
+    std::vector<std::string> probe(const std::string& name) const {
+        const auto path = report(name);
+        return {"/bin/bash", "-c",
+                "for fd in $(seq 0 63); do [ -e /proc/$$/fd/$fd ] && fds=\"$fds$fd \"; done; "
+                "output=$(readlink /proc/$$/fd/1); { id -u; id -g; id -G; echo \"$fds\"; echo \"$output\"; pwd; "
+                "echo \"$DISPLAY $XDG_RUNTIME_DIR\"; echo \"$*\"; } > " + path + ".part && mv " + path + ".part " + path,
+                "sh"};
+    }
     std::string report(const std::string& name) const { return directory.file("reports/" + name); }
-
-    // The lines a probe reported, once it has.
     std::vector<std::string> reportLines(const std::string& name) {
-        EXPECT_TRUE(eventually([&] { return std::filesystem::exists(report(name)); }));
+        EXPECT_TRUE(eventually([&] { return fs::exists(report(name)); }, 5s * sanitizerSlowdown));
         std::istringstream text(readFile(report(name)));
         std::vector<std::string> lines;
         for (std::string line; std::getline(text, line);) lines.push_back(line);
         return lines;
     }
 
-    std::string expectedGroups() const {
-        std::string groups;
-        for (const auto group : nobody.supplementaryGroups()) {
-            groups += (groups.empty() ? "" : " ") + std::to_string(group);
-        }
-        return groups;
-    }
-
-    QBConsoleUser nobody;
-    QBConsoleUser user;
+    QBConsoleUser nobody, user;
+    std::string groups;  // nobody's, as id -G prints them
     QBKelvoGUIApplication::Settings settings;
 };
 
@@ -183,29 +154,21 @@ protected:
 // session's environment and nothing of ours; root and the logged-out name are never used.
 TEST_F(QBKelvoGUIApplicationLaunchTest, WithoutAServiceManagerTheLauncherRunsCleanAsTheUser) {
     QBKelvoGUIApplication application(server, settings);
-    for (const auto& [uid, gid, name] : {std::tuple{0u, nobody.groupId, nobody.name},
-                                         std::tuple{nobody.userId, 0u, nobody.name},
-                                         std::tuple{nobody.userId, nobody.groupId,
-                                                    std::string(QBKelvoGUIApplication::loggedOutUserName)}}) {
+    for (const auto& [uid, gid, name] : {std::tuple{0u, nobody.groupId, nobody.name}, {nobody.userId, 0u, nobody.name},
+                                         {nobody.userId, nobody.groupId, std::string(QBKelvoGUIApplication::loggedOutUserName)}}) {
         user.userId = uid, user.groupId = gid, user.name = name;
         application.launchGUIApplication();
     }
     std::this_thread::sleep_for(200ms * sanitizerSlowdown);  // time for a launch that should not run
-    ASSERT_FALSE(std::filesystem::exists(report("launched"))) << readFile(report("launched"));
+    ASSERT_FALSE(fs::exists(report("launched"))) << readFile(report("launched"));
     user = nobody;
     const int leaked = ::socket(AF_UNIX, SOCK_STREAM, 0);  // not close-on-exec, as passed sockets
     application.launchGUIApplication();
     ::close(leaked);
-    const auto lines = reportLines("launched");
-    ASSERT_EQ(lines.size(), 8u) << readFile(report("launched"));
-    EXPECT_EQ(lines[0], std::to_string(nobody.userId));
-    EXPECT_EQ(lines[1], std::to_string(nobody.groupId));
-    EXPECT_EQ(lines[2], expectedGroups());
-    EXPECT_EQ(lines[3], "0 1 2 ");
-    EXPECT_EQ(lines[4], "/dev/null");
-    EXPECT_EQ(lines[5], std::filesystem::is_directory(nobody.home) ? nobody.home : "/");
-    EXPECT_EQ(lines[6], ":5 /run/user/" + std::to_string(nobody.userId));
-    EXPECT_EQ(lines[7], settings.applicationPath);
+    EXPECT_EQ(reportLines("launched"),
+              (std::vector<std::string>{std::to_string(nobody.userId), std::to_string(nobody.groupId), groups, "0 1 2 ",
+                                        "/dev/null", fs::is_directory(nobody.home) ? nobody.home : "/",
+                                        ":5 /run/user/" + std::to_string(nobody.userId), settings.applicationPath}));
 }
 
 // With a service manager (its bus socket in the user's runtime directory) the launch is a
@@ -213,34 +176,28 @@ TEST_F(QBKelvoGUIApplicationLaunchTest, WithoutAServiceManagerTheLauncherRunsCle
 // lives as long as the application, with the session's display.
 TEST_F(QBKelvoGUIApplicationLaunchTest, WithAServiceManagerTheLaunchIsATransientUnitOfTheUser) {
     const auto runtimeDirectory = nobody.runtimeDirectory(settings.serviceManager.runtimeDirectoryRoot);
-    std::filesystem::create_directories(runtimeDirectory);
+    fs::create_directories(runtimeDirectory);
     const int bus = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const auto busPath = runtimeDirectory + "/bus";
-    std::strncpy(address.sun_path, busPath.c_str(), sizeof address.sun_path - 1);
+    sockaddr_un address{AF_UNIX, {}};
+    std::strncpy(address.sun_path, (runtimeDirectory + "/bus").c_str(), sizeof address.sun_path - 1);
     ASSERT_EQ(::bind(bus, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    settings.serviceManager.runCommand = probe(report("request"));
+    settings.serviceManager.runCommand = probe("request");
     QBKelvoGUIApplication application(server, settings);
-
     application.launchGUIApplication();
     ::close(bus);
     const auto lines = reportLines("request");
     ASSERT_EQ(lines.size(), 8u) << readFile(report("request"));
     EXPECT_EQ(lines[0], std::to_string(nobody.userId));
-    EXPECT_EQ(lines[2], expectedGroups());
+    EXPECT_EQ(lines[2], groups);
     EXPECT_EQ(lines[3], "0 1 2 ");
     EXPECT_TRUE(lines[4].starts_with("pipe:")) << lines[4];
-    char ownOutput[64] = {};
-    ASSERT_GT(::readlink("/proc/self/fd/1", ownOutput, sizeof ownOutput - 1), 0);
-    EXPECT_NE(lines[4], ownOutput) << "the request's output is never the service's";
+    EXPECT_NE(lines[4], fs::read_symlink("/proc/self/fd/1").string()) << "the request's output is never the service's";
     EXPECT_EQ(lines[6], ":5 " + runtimeDirectory);
     const std::regex request(
         "--quiet --collect --unit=app-bash-com\\.kelvo\\.KelvoTunnelwright@[0-9a-f]{16}\\.service "
-        "--slice=app\\.slice --property=ExitType=cgroup --setenv=DISPLAY=:5 -- /bin/bash -c .* sh " +
-        settings.applicationPath);
+        "--slice=app\\.slice --property=ExitType=cgroup --setenv=DISPLAY=:5 -- /bin/bash -c .* sh " + settings.applicationPath);
     EXPECT_TRUE(std::regex_match(lines[7], request)) << lines[7];
-    EXPECT_FALSE(std::filesystem::exists(report("launched"))) << "the manager starts it, not we";
+    EXPECT_FALSE(fs::exists(report("launched"))) << "the manager starts it, not we";
 }
 
 // Only an entry that nobody but root can change counts as installed; one that some user could
@@ -248,27 +205,25 @@ TEST_F(QBKelvoGUIApplicationLaunchTest, WithAServiceManagerTheLaunchIsATransient
 TEST_F(QBKelvoGUIApplicationLaunchTest, OnlyEntriesThatOnlyRootCanChangeCount) {
     QBKelvoGUIApplication application(server, settings);
     const auto& entry = settings.applicationPath;
+    const char* const folder = directory.path().c_str();
     ASSERT_EQ(application.getGUIApplicationPath(), entry);
-    const auto reset = [&] {
-        std::filesystem::remove(entry);
-        writeFile(entry, "[Desktop Entry]\n");
-        ::chmod(entry.c_str(), 0644);
-        ::chmod(directory.path().c_str(), 0711);
-    };
-    const std::vector<std::pair<std::string, std::function<void()>>> unsafe = {
+    const std::pair<const char*, std::function<void()>> unsafe[] = {
         {"owned by a user", [&] { ASSERT_EQ(::chown(entry.c_str(), nobody.userId, 0), 0); }},
         {"group-writable", [&] { ::chmod(entry.c_str(), 0664); }},
         {"writable by others", [&] { ::chmod(entry.c_str(), 0646); }},
-        {"in a folder others may write", [&] { ::chmod(directory.path().c_str(), 0777); }},
+        {"in a folder others may write", [&] { ::chmod(folder, 0777); }},
         {"a symbolic link", [&] {
              writeFile(directory.file("real.desktop"), "[Desktop Entry]\n");
-             std::filesystem::remove(entry);
-             std::filesystem::create_symlink(directory.file("real.desktop"), entry);
+             fs::remove(entry), fs::create_symlink(directory.file("real.desktop"), entry);
          }},
         {"a FIFO", [&] {
-             std::filesystem::remove(entry);
+             fs::remove(entry);
              ASSERT_EQ(::mkfifo(entry.c_str(), 0644), 0);
-         }},
+         }}};
+    const auto reset = [&] {
+        fs::remove(entry);
+        writeFile(entry, "[Desktop Entry]\n");
+        ::chmod(entry.c_str(), 0644), ::chmod(folder, 0711);
     };
     for (const auto& [name, makeUnsafe] : unsafe) {
         reset();

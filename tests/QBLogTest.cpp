@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "platform/QBLog.h"
+#include "support/Eventually.h"
 
 using namespace std::chrono_literals;
 
@@ -24,26 +25,25 @@ public:
     StandardErrorPipe() {
         int ends[2];
         if (::pipe2(ends, O_CLOEXEC) != 0) return;
-        readEnd = ends[0];
-        savedError = ::dup(STDERR_FILENO);
-        ::dup2(ends[1], STDERR_FILENO);
-        ::close(ends[1]);
+        readEnd = ends[0], savedError = ::dup(STDERR_FILENO);
+        ::dup2(ends[1], STDERR_FILENO), ::close(ends[1]);
     }
     ~StandardErrorPipe() {
-        restore();
-        if (readEnd >= 0) ::close(readEnd);
+        if (readEnd < 0) return;
+        ::dup2(savedError, STDERR_FILENO), ::close(savedError), ::close(readEnd);
     }
     // Reads until the log has been written out, then the rest; the lines read.
     std::vector<std::string> readAll() {
-        auto flushed = std::async(std::launch::async, [] { return QBLog::flush(10s); });
+        auto flushed = std::async(std::launch::async, [] { return QBLog::flush(10s * sanitizerSlowdown); });
         std::string text;
         char chunk[65536];
         ::fcntl(readEnd, F_SETFL, O_NONBLOCK);
-        while (flushed.wait_for(1ms) != std::future_status::ready) {
+        const auto drain = [&] {
             for (ssize_t n; (n = ::read(readEnd, chunk, sizeof chunk)) > 0;) text.append(chunk, static_cast<size_t>(n));
-        }
+        };
+        while (flushed.wait_for(1ms) != std::future_status::ready) drain();
         EXPECT_TRUE(flushed.get());
-        for (ssize_t n; (n = ::read(readEnd, chunk, sizeof chunk)) > 0;) text.append(chunk, static_cast<size_t>(n));
+        drain();
         std::vector<std::string> lines;
         std::istringstream in(text);
         for (std::string line; std::getline(in, line);) lines.push_back(line);
@@ -51,14 +51,7 @@ public:
     }
 
 private:
-    void restore() {
-        if (savedError < 0) return;
-        ::dup2(savedError, STDERR_FILENO);
-        ::close(savedError);
-        savedError = -1;
-    }
-    int readEnd = -1;
-    int savedError = -1;
+    int readEnd = -1, savedError = -1;
 };
 
 }  // namespace
@@ -85,8 +78,7 @@ TEST(QBLogTest, AStalledOutputHoldsUpNoCallerAndTheLostLinesAreCounted) {
     auto logging = std::async(std::launch::async, [] {
         for (int i = 0; i < logged; ++i) QBLog::log("Client connected");
     });
-    const bool returned = logging.wait_for(20s) == std::future_status::ready;
-    EXPECT_TRUE(returned) << "a caller waits for the output";
+    EXPECT_EQ(logging.wait_for(20s * sanitizerSlowdown), std::future_status::ready) << "a caller waits for the output";
     const auto lines = output.readAll();  // also lets a blocked caller go on
     logging.get();
     int connected = 0, dropped = 0;

@@ -22,9 +22,9 @@ TEST(QBSignalSourceTest, IgnoredAndBlockedSignalsRunTheHandlerOnAnotherThread) {
     });
     for (int signalNumber : {SIGUSR1, SIGUSR2}) std::signal(signalNumber, SIG_IGN);
     ASSERT_EQ(::kill(::getpid(), SIGUSR1), 0);
-    ASSERT_TRUE(eventually([&] { return calls == 1; }));
+    ASSERT_TRUE(eventually([&] { return calls == 1; }, std::chrono::seconds(5 * sanitizerSlowdown)));
     ASSERT_EQ(::kill(::getpid(), SIGUSR2), 0);
-    ASSERT_TRUE(eventually([&] { return calls == 2; }));
+    ASSERT_TRUE(eventually([&] { return calls == 2; }, std::chrono::seconds(5 * sanitizerSlowdown)));
     source.waitForHandlers();
     EXPECT_TRUE(finished);
     EXPECT_FALSE(onMainThread);
