@@ -35,7 +35,10 @@ void Loop::close(Connection& connection) {
 Loop::Connections::iterator Loop::closeKeepingPlace(Connections::iterator entry) {
     assert(entry != connections.end() && !entry->second->handOver.busy());
     ::close(entry->first);  // also leaves the epoll set
-    return connections.erase(entry);
+    const auto next = connections.erase(entry);
+    // The last one gone, no deadline is left to wake for (its own would wake an idle loop once).
+    if (connections.empty()) nextDeadline = Clock::time_point::max();
+    return next;
 }
 
 template <typename Condition>
