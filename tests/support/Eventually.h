@@ -5,16 +5,6 @@
 #include <chrono>
 #include <thread>
 
-template <typename Condition>
-bool eventually(Condition condition, std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
-
 // Sanitizers slow every thread down several times; bounds that tests check on wall-clock time
 // (a stop within a second, say) are stretched by this factor in those builds.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -22,3 +12,14 @@ constexpr int sanitizerSlowdown = 5;
 #else
 constexpr int sanitizerSlowdown = 1;
 #endif
+
+template <typename Condition>
+bool eventually(Condition condition,
+                std::chrono::milliseconds timeout = std::chrono::seconds(5) * sanitizerSlowdown) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
