@@ -48,12 +48,15 @@ bool answersPreflight(const char* address) {
 }
 
 // A hello on the channel, answered INVALID (with its envelope echoed) as the daemon has no GUI.
-bool channelAnswersHello() {
+bool answersHello(RawFramePeer& gui) {
     const nlohmann::json hello{{"command", "hello"}, {"messageid", "1"}, {"content", {{"answer", 42}}}};
-    RawFramePeer gui(channelPath);
     const auto reply = gui.sendEnvelope(hello) ? gui.readEnvelope().value_or(nullptr) : nullptr;
     return reply.is_object() &&
            reply.value("content", nlohmann::json()) == nlohmann::json{{"status", "INVALID"}, {"message", hello}};
+}
+bool channelAnswersHello() {
+    RawFramePeer gui(channelPath);
+    return answersHello(gui);
 }
 
 bool aliasListed() {
@@ -63,32 +66,62 @@ bool aliasListed() {
 
 }  // namespace
 
-// Stopped by SIGTERM, or by SIGINT with the alias already there before the start: it stays.
-class ServiceStopSignalTest : public ::testing::TestWithParam<int> {};
+// Stopped by SIGTERM while calls wait for a GUI that takes them and never answers, or by SIGINT
+// with the alias already there before the start (it stays) while calls wait for a GUI that
+// never connects.
+struct StopCase {
+    const char* name;
+    int signal;
+    bool aliasBefore, guiSilent;
+};
+void PrintTo(const StopCase& stopCase, std::ostream* out) { *out << stopCase.name; }
+class ServiceStopTest : public ::testing::TestWithParam<StopCase> {};
 
-TEST_P(ServiceStopSignalTest, ServesBothAddressesAndTheChannelThenStopsCleanly) {
+TEST_P(ServiceStopTest, ServesBothAddressesAndTheChannelThenEndsWithinASecondLeavingNothingBehind) {
     QB_REQUIRE_PRIVATE_NAMESPACES();
-    const bool aliasBefore = GetParam() == SIGINT;
+    const auto [name, stopSignal, aliasBefore, guiSilent] = GetParam();
     ASSERT_TRUE(!aliasBefore ||
                 QBChildProcess::run("/sbin/ip", {"address", "add", "127.94.0.1/32", "dev", "lo"}).status == 0);
+    // Orphans of the daemon become ours, so that any child it leaves is seen below.
+    ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
     DaemonProcess daemon;
     ASSERT_TRUE(daemon.start() && listening(aliasAddress) && listening(loopbackAddress));
     EXPECT_TRUE(aliasListed());
-    // The channel listens on a thread of its own, which may come after the bridge servers.
+    // The channel listens on a thread of its own: it may come a moment after the servers.
+    std::unique_ptr<RawFramePeer> gui;
+    ASSERT_TRUE(eventually([&] { return (gui = std::make_unique<RawFramePeer>(channelPath))->isConnected(); }));
     struct stat info {};
-    ASSERT_TRUE(eventually([&] { return ::stat(channelPath, &info) == 0; }));
+    ASSERT_EQ(::stat(channelPath, &info), 0);
     EXPECT_EQ(info.st_mode & (S_IFMT | 07777), S_IFSOCK | 0776u);
-    EXPECT_TRUE(answersPreflight(aliasAddress) && answersPreflight(loopbackAddress) && channelAnswersHello());
+    EXPECT_TRUE(answersPreflight(aliasAddress) && answersPreflight(loopbackAddress) && answersHello(*gui));
+    if (!guiSilent) gui.reset();
 
-    ASSERT_TRUE(daemon.signal(GetParam()));
-    EXPECT_EQ(daemon.waitForExit(deadline), 0);
+    constexpr int connections = 64, waitingCalls = 32;
+    std::vector<std::unique_ptr<LoopbackClient>> clients;
+    for (int i = 0; i < connections; ++i) {
+        auto& client = clients.emplace_back(std::make_unique<LoopbackClient>(
+            bridgePort, i % 2 == 0 ? aliasAddress : loopbackAddress));
+        // Half the connections call the GUI; the other half sit in the middle of a request.
+        ASSERT_TRUE(client->send(i < waitingCalls ? xmlRpcPost(methodCall("state"))
+                                                  : std::string("POST /vpn HTTP/1.1\r\nHo")));
+    }
+    for (int i = 0; gui && i < waitingCalls; ++i) ASSERT_TRUE(gui->readEnvelope()) << "call " << i;
+    if (!gui) std::this_thread::sleep_for(500ms);  // all in the wait for a GUI by now
+
+    const auto stopAt = std::chrono::steady_clock::now();
+    ASSERT_TRUE(daemon.signal(stopSignal));
+    EXPECT_EQ(daemon.waitForExit(deadline), 0) << daemon.output();
+    EXPECT_LT(std::chrono::steady_clock::now() - stopAt, 1s * sanitizerSlowdown);
     EXPECT_FALSE(listening(aliasAddress, 0ms) || listening(loopbackAddress, 0ms));
     EXPECT_NE(::access(channelPath, F_OK), 0) << "socket file left behind";
     EXPECT_EQ(aliasListed(), aliasBefore);
+    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "a child of the daemon is still there";
 }
 
-INSTANTIATE_TEST_SUITE_P(TermAndInt, ServiceStopSignalTest, ::testing::Values(SIGTERM, SIGINT),
-                         ::testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(Signals, ServiceStopTest,
+                         ::testing::Values(StopCase{"TermGUISilent", SIGTERM, false, true},
+                                           StopCase{"IntAliasBeforeGUIAbsent", SIGINT, true, false}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 TEST(ServiceProcessTest, ServesTheAddressLeftFreeAndEndsAtOnceWhenNoneIs) {
     QB_REQUIRE_PRIVATE_NAMESPACES();
@@ -127,44 +160,6 @@ TEST(ServiceProcessTest, WithoutThreadsTheProcessStillEndsWithStatusZero) {
     EXPECT_EQ(daemon.waitForExit(deadline), 0) << daemon.output();
     EXPECT_NE(daemon.output().find("Failed to start the signal thread"), std::string::npos);
 }
-
-// Calls wait for a GUI that takes them and never answers, or for one that never connects.
-class ServiceStopUnderLoadTest : public ::testing::TestWithParam<bool> {};
-
-TEST_P(ServiceStopUnderLoadTest, EndsWithinASecondAndLeavesNothingBehind) {
-    QB_REQUIRE_PRIVATE_NAMESPACES();
-    // Orphans of the daemon become ours, so that any child it leaves is seen below.
-    ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
-    DaemonProcess daemon;
-    ASSERT_TRUE(daemon.start() && listening(aliasAddress) && listening(loopbackAddress));
-    // The channel listens on a thread of its own: it may come a moment after the servers.
-    std::unique_ptr<RawFramePeer> gui;
-    ASSERT_TRUE(eventually([&] { return (gui = std::make_unique<RawFramePeer>(channelPath))->isConnected(); }));
-    if (!GetParam()) gui.reset();
-
-    constexpr int connections = 64, waitingCalls = 32;
-    std::vector<std::unique_ptr<LoopbackClient>> clients;
-    for (int i = 0; i < connections; ++i) {
-        auto& client = clients.emplace_back(std::make_unique<LoopbackClient>(
-            bridgePort, i % 2 == 0 ? aliasAddress : loopbackAddress));
-        // Half the connections call the GUI; the other half sit in the middle of a request.
-        ASSERT_TRUE(client->send(i < waitingCalls ? xmlRpcPost(methodCall("state"))
-                                                  : std::string("POST /vpn HTTP/1.1\r\nHo")));
-    }
-    for (int i = 0; gui && i < waitingCalls; ++i) ASSERT_TRUE(gui->readEnvelope()) << "call " << i;
-    if (!gui) std::this_thread::sleep_for(500ms);  // all in the wait for a GUI by now
-
-    const auto stopAt = std::chrono::steady_clock::now();
-    ASSERT_TRUE(daemon.signal(SIGTERM));
-    EXPECT_EQ(daemon.waitForExit(deadline), 0) << daemon.output();
-    EXPECT_LT(std::chrono::steady_clock::now() - stopAt, 1s * sanitizerSlowdown);
-    EXPECT_NE(::access(channelPath, F_OK), 0) << "socket file left behind";
-    EXPECT_FALSE(aliasListed());
-    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "a child of the daemon is still there";
-}
-
-INSTANTIATE_TEST_SUITE_P(GUI, ServiceStopUnderLoadTest, ::testing::Bool(),
-                         [](const auto& info) { return info.param ? "Silent" : "Absent"; });
 
 // A frame of the largest size packed with empty objects is the dearest one to parse. Every
 // client slot, taken by four users, sends one at once: the daemon's peak resident size stays
@@ -208,23 +203,6 @@ TEST(ServiceProcessTest, LargestFramesOfTinyValuesOnEverySlotKeepTheDaemonSmall)
     EXPECT_TRUE(eventually(channelAnswersHello));  // the slots are free again once the readers have ended
     ASSERT_TRUE(daemon.signal(SIGTERM));
     EXPECT_EQ(daemon.waitForExit(deadline), 0) << daemon.output();
-}
-
-TEST(ServiceProcessTest, TakesTheChannelSocketFromTheServiceManager) {
-    QB_REQUIRE_PRIVATE_NAMESPACES();
-    // systemd's own helper listens and, at the first connection, execs the daemon with the
-    // socket passed as "MasterSocket".
-    DaemonProcess daemon;
-    ASSERT_TRUE(daemon.start({"/usr/bin/systemd-socket-activate", "-l", channelPath,
-                              "--fdname=MasterSocket", QB_DAEMON_PATH}));
-    ASSERT_TRUE(eventually(channelAnswersHello)) << daemon.output();
-    ASSERT_TRUE(listening(aliasAddress));
-
-    ASSERT_TRUE(daemon.signal(SIGTERM));
-    EXPECT_EQ(daemon.waitForExit(deadline), 0);
-    // The socket file belongs to the service manager, which keeps listening.
-    EXPECT_EQ(::access(channelPath, F_OK), 0);
-    EXPECT_EQ(daemon.output().find("Failed"), std::string::npos) << daemon.output();
 }
 
 // The service in this process, with the interface tool replaced by a script that records its
