@@ -2,6 +2,7 @@
 // ChannelFixture: a server endpoint on a temporary socket path, with the log captured. TearDown
 // shuts down every endpoint the test made and checks that all their threads have ended.
 // PendingAnswer: a send on a thread of its own. ScriptedDelegate: answers chosen by the test.
+// Recorded: a list that any thread may add to while the test reads it.
 
 #include <gtest/gtest.h>
 
@@ -10,7 +11,10 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "QBLumentideIPC.h"
 #include "support/Eventually.h"
@@ -49,11 +53,30 @@ private:
     std::future<std::optional<nlohmann::json>> answer;
 };
 
+template <typename T>
+class Recorded {
+public:
+    void add(T item) {
+        std::lock_guard guard(lock);
+        items.push_back(std::move(item));
+    }
+    std::vector<T> all() const {
+        std::lock_guard guard(lock);
+        return items;
+    }
+    std::size_t size() const { return all().size(); }
+
+private:
+    mutable std::mutex lock;  // guards items
+    std::vector<T> items;
+};
+
 struct ScriptedDelegate : QBLumentideIPCDelegate {  // refuses the command "refused"
     std::function<std::optional<nlohmann::json>(const std::string&, const nlohmann::json&)> process =
         [](const std::string&, const nlohmann::json&) { return std::nullopt; };
     std::atomic<int> connected{0}, disconnected{0}, processed{0}, lastClient{-1};
     std::atomic<QBLumentideIPC*> lastSender{nullptr};
+    Recorded<std::pair<std::string, nlohmann::json>> received;  // every processed command with its data
 
     void clientConnected(QBLumentideIPC& sender) override { lastSender = &sender, ++connected; }
     void clientDisconnected(QBLumentideIPC& sender) override { lastSender = &sender, ++disconnected; }
@@ -62,6 +85,7 @@ struct ScriptedDelegate : QBLumentideIPCDelegate {  // refuses the command "refu
     }
     std::optional<nlohmann::json> processCommand(const std::string& command, const nlohmann::json& data,
                                                  int client, QBLumentideIPC&) override {
+        received.add({command, data});
         lastClient = client, ++processed;
         return process(command, data);
     }
