@@ -36,20 +36,11 @@ class QBKelvoBridgeTest : public ChannelFixture {
 protected:
     void SetUp() override { ASSERT_TRUE(startServer()); }
 
-    // A bridge whose console-user lookups are counted: every launch attempt makes one, and no
-    // user is found, so nothing is ever started.
-    std::shared_ptr<QBKelvoBridge> makeBridge() {
-        QBKelvoGUIApplication::Settings settings;
-        settings.applicationPath = directory.file("app.desktop");
-        settings.dataDirectories = {directory.path()};
-        settings.consoleUser = [this]() -> std::optional<QBConsoleUser> { return ++launchAttempts, std::nullopt; };
-        // A call that finds no GUI gives up after ten checks: 200 ms.
-        settings.checkInterval = 20ms * sanitizerSlowdown;
-        application = std::make_shared<QBKelvoGUIApplication>(server, settings);
+    std::shared_ptr<QBKelvoBridge> makeBridge() {  // a call that finds no GUI gives up after ten checks: 200 ms
+        application = std::make_shared<QBKelvoGUIApplication>(server, countingSettings(20ms * sanitizerSlowdown));
         return std::make_shared<QBKelvoBridge>(server, application);
     }
 
-    std::atomic<int> launchAttempts{0};
     std::shared_ptr<QBKelvoGUIApplication> application;
 };
 

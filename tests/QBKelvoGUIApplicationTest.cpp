@@ -41,17 +41,6 @@ std::string readFile(const std::string& path) {
 class QBKelvoGUIApplicationTest : public ChannelFixture {
 protected:
     void SetUp() override { ASSERT_TRUE(startServer()); }
-
-    QBKelvoGUIApplication::Settings countingSettings(std::chrono::milliseconds interval) {
-        QBKelvoGUIApplication::Settings settings;
-        settings.applicationPath = directory.file("fixed/app.desktop");
-        settings.dataDirectories = {directory.file("local"), directory.file("share")};
-        settings.consoleUser = [this] { return ++launchAttempts, std::optional<QBConsoleUser>(); };
-        settings.checkInterval = interval;
-        return settings;
-    }
-
-    std::atomic<int> launchAttempts{0};
 };
 
 TEST_F(QBKelvoGUIApplicationTest, FindsTheApplicationAtItsPlaceThenByIdentifier) {

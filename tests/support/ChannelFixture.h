@@ -3,6 +3,7 @@
 // shuts down every endpoint the test made and checks that all their threads have ended.
 // PendingAnswer: a send on a thread of its own. ScriptedDelegate: answers chosen by the test.
 // Recorded: a list that any thread may add to while the test reads it.
+// countingSettings: GUI application settings for the tests of the GUI application and the bridge.
 
 #include <gtest/gtest.h>
 
@@ -16,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "QBKelvoGUIApplication.h"
 #include "QBLumentideIPC.h"
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
@@ -102,9 +104,21 @@ protected:
         return {server, [data](QBLumentideIPC& endpoint) { return endpoint.sendMessageToFirstClient("serviceCmd", data); }};
     }
 
+    // Every launch attempt makes one console-user lookup, counted, which finds nobody: nothing is
+    // ever started.
+    QBKelvoGUIApplication::Settings countingSettings(std::chrono::milliseconds checkInterval) {
+        QBKelvoGUIApplication::Settings settings;
+        settings.applicationPath = directory.file("app.desktop");
+        settings.dataDirectories = {directory.file("local"), directory.file("share")};
+        settings.consoleUser = [this] { return ++launchAttempts, std::optional<QBConsoleUser>(); };
+        settings.checkInterval = checkInterval;
+        return settings;
+    }
+
     LogCapture log;
     TempDir directory;
     std::string socketPath = directory.file("channel.socket");
     std::shared_ptr<QBLumentideIPC> server;
     std::vector<std::shared_ptr<QBLumentideIPC>> clients;
+    std::atomic<int> launchAttempts{0};
 };
