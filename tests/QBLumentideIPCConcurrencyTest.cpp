@@ -99,7 +99,9 @@ TEST_F(QBLumentideIPCConcurrencyTest, AnswersForOthersAndCommandsReadOnTheWayRea
     const auto reply = [&](int i) {
         return json{{"command", "reply"}, {"messageid", "1"}, {"replyid", ids[i]}, {"content", {{"for", i}}}};
     };
-    const auto command = [](const char* name) { return json{{"command", name}, {"messageid", name}, {"content", json::object()}}; };
+    const auto command = [](const char* name) {
+        return json{{"command", name}, {"messageid", name}, {"content", json::object()}};
+    };
     std::vector<std::uint8_t> burst;
     for (const auto& envelope : {reply(2), command("first"), reply(1), command("second"), reply(0)}) {
         append(burst, RawFramePeer::frame(envelope.dump()));
