@@ -64,8 +64,6 @@ TEST_F(QBKelvoGUIApplicationTest, FindsTheApplicationAtItsPlaceThenByIdentifier)
 
 TEST_F(QBKelvoGUIApplicationTest, ConcurrentWaitersShareOneLaunchAndTakeAClientThatConnects) {
     QBKelvoGUIApplication application(server, countingSettings(2s * sanitizerSlowdown));
-    EXPECT_FALSE(application.isGUIApplicationAvailableAndStartIfNeeded(false));
-    EXPECT_EQ(launchAttempts, 0);
     std::vector<std::future<bool>> waiters;
     for (int i = 0; i < 20; ++i)
         waiters.push_back(std::async(std::launch::async, [&] { return application.isGUIApplicationAvailableAndStartIfNeeded(true); }));
@@ -79,18 +77,16 @@ TEST_F(QBKelvoGUIApplicationTest, ConcurrentWaitersShareOneLaunchAndTakeAClientT
     EXPECT_TRUE(application.isGUIApplicationAvailableAndStartIfNeeded(false));
 }
 
+// (The wait's bound is the service bridge test's: its first call waits ten seconds for nothing.)
 TEST_F(QBKelvoGUIApplicationTest, AWaitEndsWithFalseAtItsBoundOrWhenTheChannelShutsDown) {
-    QBKelvoGUIApplication quick(server, countingSettings(10ms)), slow(server, countingSettings(10s));
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_FALSE(quick.isGUIApplicationAvailableAndStartIfNeeded(true));
-    EXPECT_GE(std::chrono::steady_clock::now() - start, 100ms);
+    QBKelvoGUIApplication slow(server, countingSettings(10s));
     auto waiter = std::async(std::launch::async, [&] { return slow.isGUIApplicationAvailableAndStartIfNeeded(true); });
-    ASSERT_TRUE(eventually([&] { return launchAttempts == 2; }, 5s * sanitizerSlowdown));
+    ASSERT_TRUE(eventually([&] { return launchAttempts == 1; }, 5s * sanitizerSlowdown));
     server->shutdown();
     ASSERT_EQ(waiter.wait_for(5s * sanitizerSlowdown), std::future_status::ready);
     EXPECT_FALSE(waiter.get());
     EXPECT_FALSE(slow.isGUIApplicationAvailableAndStartIfNeeded(true));
-    EXPECT_EQ(launchAttempts, 2) << "no launch once the channel has shut down";
+    EXPECT_EQ(launchAttempts, 1) << "no launch once the channel has shut down";
 }
 
 // Launches a probe that reports what it finds, one line each: user, group and groups; the
@@ -201,14 +197,9 @@ TEST_F(QBKelvoGUIApplicationLaunchTest, OnlyEntriesThatOnlyRootCanChangeCount) {
         {"group-writable", [&] { ::chmod(entry.c_str(), 0664); }},
         {"writable by others", [&] { ::chmod(entry.c_str(), 0646); }},
         {"in a folder others may write", [&] { ::chmod(folder, 0777); }},
-        {"a symbolic link", [&] {
-             writeFile(directory.file("real.desktop"), "[Desktop Entry]\n");
-             fs::remove(entry), fs::create_symlink(directory.file("real.desktop"), entry);
-         }},
-        {"a FIFO", [&] {
-             fs::remove(entry);
-             ASSERT_EQ(::mkfifo(entry.c_str(), 0644), 0);
-         }}};
+        {"a symbolic link", [&] { fs::remove(entry), fs::create_symlink(directory.file("real.desktop"), entry); }},
+        {"a FIFO", [&] { fs::remove(entry); ASSERT_EQ(::mkfifo(entry.c_str(), 0644), 0); }}};
+    writeFile(directory.file("real.desktop"), "[Desktop Entry]\n");
     const auto reset = [&] {
         fs::remove(entry);
         writeFile(entry, "[Desktop Entry]\n");

@@ -17,9 +17,14 @@ protected:
     void SetUp() override { ASSERT_TRUE(startServer()); }
 };
 
-// Requests and replies take their ids from one counter, which wraps from INT32_MAX to 0.
+// Requests and replies take their ids from one counter, which wraps from INT32_MAX to 0. Sends
+// that are refused (no client, not an object, not a connection) neither go out nor take an id.
 TEST_F(QBLumentideIPCDispatchTest, RequestsAndInvalidAnswersCarryIdsFromOneCounter) {
+    EXPECT_EQ(server->sendMessageToFirstClient("c", json::object()), std::nullopt) << "no client";
     auto peer = connectRawPeer();
+    const int client = server->clientSockets().at(0);
+    EXPECT_EQ(server->sendMessage("c", json::array(), std::nullopt, false, client), std::nullopt);
+    EXPECT_EQ(server->sendMessage("c", json::object(), std::nullopt, false, client + 100), std::nullopt);
     auto answer = requestFromFirstClient({{"command", "state"}});
     const auto frame = peer->readFrameBytes();
     ASSERT_TRUE(frame);
@@ -28,11 +33,14 @@ TEST_F(QBLumentideIPCDispatchTest, RequestsAndInvalidAnswersCarryIdsFromOneCount
               (json{{"command", "serviceCmd"}, {"messageid", "1"}, {"content", {{"command", "state"}}}}));
     ASSERT_TRUE(peer->sendReply("1", {{"result", "connected"}, {"up", true}}));
     EXPECT_EQ(answer.get(), (json{{"result", "connected"}, {"up", true}}));
+    // A reply never waits, even when asked to; nothing as its data is the content {}.
+    EXPECT_EQ(server->sendMessage("reply", std::nullopt, std::string("5"), true, client), std::nullopt);
+    EXPECT_EQ(peer->readEnvelope(), (json{{"command", "reply"}, {"messageid", "2"}, {"replyid", "5"}, {"content", json::object()}}));
 
     // Without a delegate every command is answered INVALID, echoing the whole envelope.
     const json command = {{"command", "hello"}, {"messageid", "7"}, {"content", {{"n", 1}}}, {"extra", false}};
     ASSERT_TRUE(peer->sendEnvelope(command));
-    EXPECT_EQ(peer->readEnvelope(), (json{{"command", "reply"}, {"messageid", "2"}, {"replyid", "7"},
+    EXPECT_EQ(peer->readEnvelope(), (json{{"command", "reply"}, {"messageid", "3"}, {"replyid", "7"},
                                           {"content", {{"status", "INVALID"}, {"message", command}}}}));
     EXPECT_TRUE(waitUntil([&] { return log.count("Invalid command", QBLog::Channel::general) == 1; }));
 
@@ -41,6 +49,10 @@ TEST_F(QBLumentideIPCDispatchTest, RequestsAndInvalidAnswersCarryIdsFromOneCount
         ASSERT_TRUE(peer->sendEnvelope(command));
         EXPECT_EQ(peer->readEnvelope().value_or(json())["messageid"], expected);
     }
+    auto unconnected = clients.emplace_back(QBLumentideIPC::initWithSocketPath(socketPath, false));
+    EXPECT_EQ(unconnected->sendMessage("c", json::object()), std::nullopt);
+    unconnected->sendMessageAndDontWait("c", json::object());
+    EXPECT_EQ(unconnected->lastSentMessageId(), 0);
 }
 
 TEST_F(QBLumentideIPCDispatchTest, MalformedEnvelopesAndStrayRepliesAreDroppedSilently) {
@@ -90,22 +102,6 @@ TEST_F(QBLumentideIPCDispatchTest, RepliesMatchByIdOnAnyConnectionAndTheFirstCli
     EXPECT_EQ(atSecond["content"], (json{{"to", "second"}}));
     ASSERT_TRUE(second->sendReply(atSecond["messageid"], {{"ok", true}}));
     EXPECT_EQ(next.get(), (json{{"ok", true}}));
-}
-
-TEST_F(QBLumentideIPCDispatchTest, SendsThatDoNotWaitAndSendsThatAreRefused) {
-    EXPECT_EQ(server->sendMessageToFirstClient("c", json::object()), std::nullopt) << "no client";
-    auto peer = connectRawPeer();
-    const int client = server->clientSockets().at(0);
-    EXPECT_EQ(server->sendMessage("c", json::array(), std::nullopt, false, client), std::nullopt);
-    EXPECT_EQ(server->sendMessage("c", json::object(), std::nullopt, false, client + 100), std::nullopt);
-    // Neither refused send went out or took an id: the next frame is the one with id 1.
-    EXPECT_EQ(server->sendMessage("reply", std::nullopt, std::string("5"), true, client), std::nullopt);
-    EXPECT_EQ(peer->readEnvelope(), (json{{"command", "reply"}, {"messageid", "1"}, {"replyid", "5"}, {"content", json::object()}}));
-
-    auto unconnected = clients.emplace_back(QBLumentideIPC::initWithSocketPath(socketPath, false));
-    EXPECT_EQ(unconnected->sendMessage("c", json::object()), std::nullopt);
-    unconnected->sendMessageAndDontWait("c", json::object());
-    EXPECT_EQ(unconnected->lastSentMessageId(), 0);
 }
 
 TEST_F(QBLumentideIPCDispatchTest, DelegateAnswersBecomeReplyContents) {
