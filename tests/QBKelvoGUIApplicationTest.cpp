@@ -105,7 +105,6 @@ protected:
         ::chmod(directory.path().c_str(), 0711);
         fs::create_directory(directory.file("reports"));
         ::chmod(directory.file("reports").c_str(), 0777);
-        settings.applicationPath = directory.file("app.desktop");
         writeFile(settings.applicationPath, "[Desktop Entry]\n");
         settings.launcher = probe("launched");
         settings.serviceManager.runtimeDirectoryRoot = directory.file("run");
@@ -132,7 +131,7 @@ protected:
 
     QBConsoleUser nobody, user;
     std::string groups;  // nobody's, as id -G prints them
-    QBKelvoGUIApplication::Settings settings;
+    QBKelvoGUIApplication::Settings settings = countingSettings(1s);  // its console user replaced
 };
 
 // Without a service manager the launcher itself runs, detached, as the console user, with the
