@@ -9,7 +9,6 @@
 #include <functional>
 #include <future>
 #include <limits>
-#include <mutex>
 #include <tuple>
 #include <vector>
 
@@ -17,36 +16,12 @@
 #include "QBKelvoXMLRPCServer.h"
 #include "QBPlatform.h"
 #include "support/ChannelFixture.h"
-#include "support/Eventually.h"
 
 using json = nlohmann::json;
 using Value = QBKelvoXMLRPCServer::Value;
 using namespace std::chrono_literals;
 
 namespace {
-
-// A GUI client that answers every command with the next scripted content and records what it got.
-struct RecordingGUI : QBLumentideIPCDelegate {
-    std::mutex lock;  // guards received, answer
-    std::vector<json> received;
-    json answer = json::object();
-
-    bool validateCommand(const std::string&, const json&, QBLumentideIPC&) override { return true; }
-    std::optional<json> processCommand(const std::string& command, const json& data, int, QBLumentideIPC&) override {
-        std::lock_guard guard(lock);
-        EXPECT_EQ(command, "serviceCmd");
-        received.push_back(data);
-        return answer;
-    }
-    std::vector<json> seen() {
-        std::lock_guard guard(lock);
-        return received;
-    }
-    void answerWith(const json& content) {
-        std::lock_guard guard(lock);
-        answer = content;
-    }
-};
 
 // 128 times one character of two UTF-16 code units: a token of 256 units, the most allowed.
 const std::string token256 = [] {
@@ -61,20 +36,11 @@ class QBKelvoBridgeTest : public ChannelFixture {
 protected:
     void SetUp() override { ASSERT_TRUE(startServer()); }
 
-    // A bridge whose console-user lookups are counted: every launch attempt makes one, and no
-    // user is found, so nothing is ever started.
-    std::shared_ptr<QBKelvoBridge> makeBridge() {
-        QBKelvoGUIApplication::Settings settings;
-        settings.applicationPath = directory.file("app.desktop");
-        settings.dataDirectories = {directory.path()};
-        settings.consoleUser = [this]() -> std::optional<QBConsoleUser> { return ++launchAttempts, std::nullopt; };
-        // A call that finds no GUI gives up after ten checks: 200 ms.
-        settings.checkInterval = 20ms * sanitizerSlowdown;
-        application = std::make_shared<QBKelvoGUIApplication>(server, settings);
+    std::shared_ptr<QBKelvoBridge> makeBridge() {  // a call that finds no GUI gives up after ten checks: 200 ms
+        application = std::make_shared<QBKelvoGUIApplication>(server, countingSettings(20ms * sanitizerSlowdown));
         return std::make_shared<QBKelvoBridge>(server, application);
     }
 
-    std::atomic<int> launchAttempts{0};
     std::shared_ptr<QBKelvoGUIApplication> application;
 };
 
@@ -84,9 +50,6 @@ Value run(QBKelvoBridge& bridge, std::string_view method, const QBKelvoBridge::A
 }
 
 TEST_F(QBKelvoBridgeTest, RelaysEachCommandWithItsContentAndTakesTheTypedAnswer) {
-    auto gui = std::make_shared<RecordingGUI>();
-    connectClient(gui);
-    auto bridge = makeBridge();
     const std::string token257(257, 't');
     const json relay{{"server", "vpn.example"}, {"port", 65535}, {"webPort", 1}};
     json relayToken = relay;
@@ -124,12 +87,18 @@ TEST_F(QBKelvoBridgeTest, RelaysEachCommandWithItsContentAndTakesTheTypedAnswer)
         {"clientVersion", {}, {}, {{"version", "2.0,7"}, {"result", "no"}}, "2.0,7"},
         {"clientVersion", {}, {}, {{"version", 2}}, "0.0.0,0"},
     };
+    auto gui = std::make_shared<ScriptedDelegate>();  // answers each command with its row's answer
+    gui->process = [&rows, gui = gui.get()](const std::string&, const json&) {
+        return rows.at(gui->processed - 1).answer;
+    };
+    connectClient(gui);
+    auto bridge = makeBridge();
     for (std::size_t i = 0; i < rows.size(); ++i) {
-        gui->answerWith(rows[i].answer);
         EXPECT_EQ(run(*bridge, rows[i].method, rows[i].arguments), rows[i].expected) << "row " << i;
-        const auto seen = gui->seen();
+        const auto seen = gui->received.all();
         ASSERT_EQ(seen.size(), i + 1) << "row " << i;
-        EXPECT_EQ(seen.back(), with(rows[i].sent, rows[i].method)) << "row " << i;
+        EXPECT_EQ(seen.back().first, "serviceCmd") << "row " << i;
+        EXPECT_EQ(seen.back().second, with(rows[i].sent, rows[i].method)) << "row " << i;
     }
     EXPECT_EQ(launchAttempts, 0);
 }
@@ -149,10 +118,10 @@ TEST_F(QBKelvoBridgeTest, RejectedArgumentsAnswerTheDefaultWithoutContactOrLaunc
     for (const auto& [method, arguments, fallback] : rows) EXPECT_EQ(run(*bridge, method, arguments), fallback);
     EXPECT_EQ(launchAttempts, 0);
 
-    auto gui = std::make_shared<RecordingGUI>();
+    auto gui = std::make_shared<ScriptedDelegate>();
     connectClient(gui);
     EXPECT_EQ(bridge->connect(ok, 0, 443, "token"), "");
-    EXPECT_TRUE(gui->seen().empty());
+    EXPECT_EQ(gui->received.size(), 0u);
 }
 
 // The event loop starts relayed commands; a GUI that stops reading must not hold it: once its

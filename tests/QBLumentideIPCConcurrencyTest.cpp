@@ -86,13 +86,7 @@ TEST_F(QBLumentideIPCConcurrencyTest, EveryCallerGetsItsOwnAnswer) {
 // delegate in order, with their replies in the same order.
 TEST_F(QBLumentideIPCConcurrencyTest, AnswersForOthersAndCommandsReadOnTheWayReachTheirOwners) {
     ASSERT_TRUE(startServer());
-    auto seen = std::make_shared<std::pair<std::mutex, std::vector<std::string>>>();
     auto delegate = std::make_shared<ScriptedDelegate>();
-    delegate->process = [seen](const std::string& command, const json&) {
-        std::lock_guard guard(seen->first);
-        seen->second.push_back(command);
-        return std::nullopt;
-    };
     server->setDelegate(delegate);
     auto peer = connectRawPeer();
     std::vector<PendingAnswer> answers;
@@ -102,22 +96,23 @@ TEST_F(QBLumentideIPCConcurrencyTest, AnswersForOthersAndCommandsReadOnTheWayRea
         const auto request = peer->readEnvelope().value_or(json());
         ids[request["content"].value("i", 0)] = request.value("messageid", "");
     }
-    const auto command = [](const char* name, const char* id) {
-        return RawFramePeer::frame(json{{"command", name}, {"messageid", id}, {"content", json::object()}}.dump());
+    const auto reply = [&](int i) {
+        return json{{"command", "reply"}, {"messageid", "1"}, {"replyid", ids[i]}, {"content", {{"for", i}}}};
+    };
+    const auto command = [](const char* name) {
+        return json{{"command", name}, {"messageid", name}, {"content", json::object()}};
     };
     std::vector<std::uint8_t> burst;
-    append(burst, RawFramePeer::frame(json{{"command", "reply"}, {"messageid", "1"}, {"replyid", ids[2]}, {"content", {{"for", 2}}}}.dump()));
-    append(burst, command("first", "A"));
-    append(burst, RawFramePeer::frame(json{{"command", "reply"}, {"messageid", "2"}, {"replyid", ids[1]}, {"content", {{"for", 1}}}}.dump()));
-    append(burst, command("second", "B"));
-    append(burst, RawFramePeer::frame(json{{"command", "reply"}, {"messageid", "3"}, {"replyid", ids[0]}, {"content", {{"for", 0}}}}.dump()));
+    for (const auto& envelope : {reply(2), command("first"), reply(1), command("second"), reply(0)}) {
+        append(burst, RawFramePeer::frame(envelope.dump()));
+    }
     ASSERT_TRUE(peer->sendBytes(burst));
 
     for (int i = 0; i < 3; ++i) EXPECT_EQ(answers[static_cast<std::size_t>(i)].get(), (json{{"for", i}}));
-    EXPECT_EQ(peer->readEnvelope().value_or(json())["replyid"], "A");
-    EXPECT_EQ(peer->readEnvelope().value_or(json())["replyid"], "B");
-    std::lock_guard guard(seen->first);
-    EXPECT_EQ(seen->second, (std::vector<std::string>{"first", "second"}));
+    EXPECT_EQ(peer->readEnvelope().value_or(json())["replyid"], "first");
+    EXPECT_EQ(peer->readEnvelope().value_or(json())["replyid"], "second");
+    using Received = decltype(delegate->received.all());
+    EXPECT_EQ(delegate->received.all(), (Received{{"first", json::object()}, {"second", json::object()}}));
 }
 
 // Frames of one write whose headers straddle any receive call, bodies larger than what one call

@@ -8,7 +8,6 @@
 #include <thread>
 
 #include "support/ChannelFixture.h"
-#include "support/Eventually.h"
 
 using nlohmann::json;
 using namespace std::chrono_literals;
@@ -18,9 +17,14 @@ protected:
     void SetUp() override { ASSERT_TRUE(startServer()); }
 };
 
-// Requests and replies take their ids from one counter, which wraps from INT32_MAX to 0.
+// Requests and replies take their ids from one counter, which wraps from INT32_MAX to 0. Sends
+// that are refused (no client, not an object, not a connection) neither go out nor take an id.
 TEST_F(QBLumentideIPCDispatchTest, RequestsAndInvalidAnswersCarryIdsFromOneCounter) {
+    EXPECT_EQ(server->sendMessageToFirstClient("c", json::object()), std::nullopt) << "no client";
     auto peer = connectRawPeer();
+    const int client = server->clientSockets().at(0);
+    EXPECT_EQ(server->sendMessage("c", json::array(), std::nullopt, false, client), std::nullopt);
+    EXPECT_EQ(server->sendMessage("c", json::object(), std::nullopt, false, client + 100), std::nullopt);
     auto answer = requestFromFirstClient({{"command", "state"}});
     const auto frame = peer->readFrameBytes();
     ASSERT_TRUE(frame);
@@ -29,11 +33,14 @@ TEST_F(QBLumentideIPCDispatchTest, RequestsAndInvalidAnswersCarryIdsFromOneCount
               (json{{"command", "serviceCmd"}, {"messageid", "1"}, {"content", {{"command", "state"}}}}));
     ASSERT_TRUE(peer->sendReply("1", {{"result", "connected"}, {"up", true}}));
     EXPECT_EQ(answer.get(), (json{{"result", "connected"}, {"up", true}}));
+    // A reply never waits, even when asked to; nothing as its data is the content {}.
+    EXPECT_EQ(server->sendMessage("reply", std::nullopt, std::string("5"), true, client), std::nullopt);
+    EXPECT_EQ(peer->readEnvelope(), (json{{"command", "reply"}, {"messageid", "2"}, {"replyid", "5"}, {"content", json::object()}}));
 
     // Without a delegate every command is answered INVALID, echoing the whole envelope.
     const json command = {{"command", "hello"}, {"messageid", "7"}, {"content", {{"n", 1}}}, {"extra", false}};
     ASSERT_TRUE(peer->sendEnvelope(command));
-    EXPECT_EQ(peer->readEnvelope(), (json{{"command", "reply"}, {"messageid", "2"}, {"replyid", "7"},
+    EXPECT_EQ(peer->readEnvelope(), (json{{"command", "reply"}, {"messageid", "3"}, {"replyid", "7"},
                                           {"content", {{"status", "INVALID"}, {"message", command}}}}));
     EXPECT_TRUE(waitUntil([&] { return log.count("Invalid command", QBLog::Channel::general) == 1; }));
 
@@ -42,6 +49,10 @@ TEST_F(QBLumentideIPCDispatchTest, RequestsAndInvalidAnswersCarryIdsFromOneCount
         ASSERT_TRUE(peer->sendEnvelope(command));
         EXPECT_EQ(peer->readEnvelope().value_or(json())["messageid"], expected);
     }
+    auto unconnected = clients.emplace_back(QBLumentideIPC::initWithSocketPath(socketPath, false));
+    EXPECT_EQ(unconnected->sendMessage("c", json::object()), std::nullopt);
+    unconnected->sendMessageAndDontWait("c", json::object());
+    EXPECT_EQ(unconnected->lastSentMessageId(), 0);
 }
 
 TEST_F(QBLumentideIPCDispatchTest, MalformedEnvelopesAndStrayRepliesAreDroppedSilently) {
@@ -93,22 +104,6 @@ TEST_F(QBLumentideIPCDispatchTest, RepliesMatchByIdOnAnyConnectionAndTheFirstCli
     EXPECT_EQ(next.get(), (json{{"ok", true}}));
 }
 
-TEST_F(QBLumentideIPCDispatchTest, SendsThatDoNotWaitAndSendsThatAreRefused) {
-    EXPECT_EQ(server->sendMessageToFirstClient("c", json::object()), std::nullopt) << "no client";
-    auto peer = connectRawPeer();
-    const int client = server->clientSockets().at(0);
-    EXPECT_EQ(server->sendMessage("c", json::array(), std::nullopt, false, client), std::nullopt);
-    EXPECT_EQ(server->sendMessage("c", json::object(), std::nullopt, false, client + 100), std::nullopt);
-    // Neither refused send went out or took an id: the next frame is the one with id 1.
-    EXPECT_EQ(server->sendMessage("reply", std::nullopt, std::string("5"), true, client), std::nullopt);
-    EXPECT_EQ(peer->readEnvelope(), (json{{"command", "reply"}, {"messageid", "1"}, {"replyid", "5"}, {"content", json::object()}}));
-
-    auto unconnected = clients.emplace_back(QBLumentideIPC::initWithSocketPath(socketPath, false));
-    EXPECT_EQ(unconnected->sendMessage("c", json::object()), std::nullopt);
-    unconnected->sendMessageAndDontWait("c", json::object());
-    EXPECT_EQ(unconnected->lastSentMessageId(), 0);
-}
-
 TEST_F(QBLumentideIPCDispatchTest, DelegateAnswersBecomeReplyContents) {
     auto delegate = std::make_shared<ScriptedDelegate>();
     delegate->process = [](const std::string& command, const json& data) -> std::optional<json> {
@@ -135,9 +130,16 @@ TEST_F(QBLumentideIPCDispatchTest, DelegateAnswersBecomeReplyContents) {
     EXPECT_TRUE(watch.expired());
 }
 
-// However the carrying connection ends, every waiting sender returns nothing within 100 ms
-// (stretched under sanitizers).
-TEST_F(QBLumentideIPCDispatchTest, WaitingSendersAreReleasedWhenTheirConnectionEnds) {
+// However the carrying connection ends, every sender that waits returns nothing within 100 ms
+// (stretched under sanitizers), and a request whose sender does not wait gets its answer, or
+// nothing, exactly once: nothing at once without a client, nothing when its connection ends.
+TEST_F(QBLumentideIPCDispatchTest, WaitingSendersAndAnswerHandlersAreReleasedOnceWhenTheirConnectionEnds) {
+    auto outcomes = std::make_shared<Recorded<std::optional<json>>>();  // what the answer handlers got
+    const auto record = [outcomes](std::optional<json> answer) { outcomes->add(std::move(answer)); };
+    server->sendMessageToFirstClient("c", json::object(), record);
+    ASSERT_EQ(outcomes->size(), 1u);
+    EXPECT_EQ(outcomes->all().at(0), std::nullopt);
+
     std::vector<PendingAnswer> waiting;
     const auto expectReleasedBy = [&](const std::function<void()>& end) {
         const auto ended = std::chrono::steady_clock::now();
@@ -167,37 +169,6 @@ TEST_F(QBLumentideIPCDispatchTest, WaitingSendersAreReleasedWhenTheirConnectionE
         auto peer = connectRawPeer();
         for (int i = 0; i < 50; ++i) waiting.push_back(requestFromFirstClient({{"i", i}}));
         for (int i = 0; i < 50; ++i) ASSERT_TRUE(peer->readEnvelope());
-        expectReleasedBy([&] { serverShutsDown ? server->shutdown() : peer->close(); });
-        EXPECT_TRUE(!serverShutsDown || peer->waitForClose());
-    }
-}
-
-// A request whose sender does not wait gets its answer, or nothing, exactly once: nothing at
-// once without a client, nothing when its connection ends or the server shuts down.
-TEST_F(QBLumentideIPCDispatchTest, RequestsThatDoNotWaitGetTheirAnswerOrNothingExactlyOnce) {
-    struct Outcomes {
-        std::mutex lock;  // guards got
-        std::vector<std::optional<json>> got;
-        std::size_t count() {
-            std::lock_guard guard(lock);
-            return got.size();
-        }
-        std::optional<json> at(std::size_t index) {  // the reader may be adding one meanwhile
-            std::lock_guard guard(lock);
-            return got.at(index);
-        }
-    };
-    auto outcomes = std::make_shared<Outcomes>();
-    const auto record = [outcomes](std::optional<json> answer) {
-        std::lock_guard guard(outcomes->lock);
-        outcomes->got.push_back(std::move(answer));
-    };
-    server->sendMessageToFirstClient("c", json::object(), record);
-    ASSERT_EQ(outcomes->count(), 1u);
-    EXPECT_EQ(outcomes->at(0), std::nullopt);
-
-    for (const bool serverShutsDown : {false, true}) {
-        auto peer = connectRawPeer();
         std::vector<std::string> ids;
         for (int i = 0; i < 3; ++i) {
             server->sendMessageToFirstClient("c", {{"i", i}}, record);
@@ -205,16 +176,16 @@ TEST_F(QBLumentideIPCDispatchTest, RequestsThatDoNotWaitGetTheirAnswerOrNothingE
             ASSERT_TRUE(envelope);
             ids.push_back((*envelope)["messageid"]);
         }
-        const auto before = outcomes->count();
+        const auto before = outcomes->size();
         ASSERT_TRUE(peer->sendReply(ids[1], {{"n", 1}}) && peer->sendReply(ids[1], {{"n", "again"}}));
-        ASSERT_TRUE(waitUntil([&] { return outcomes->count() == before + 1; }));
-        EXPECT_EQ(outcomes->at(before), (json{{"n", 1}}));
-        serverShutsDown ? server->shutdown() : peer->close();
-        ASSERT_TRUE(waitUntil([&] { return outcomes->count() == before + 3; }));
-        EXPECT_EQ(outcomes->at(before + 1), std::nullopt);
-        EXPECT_EQ(outcomes->at(before + 2), std::nullopt);
-        ASSERT_TRUE(waitUntil([&] { return server->clientCount() == 0; }));
+        ASSERT_TRUE(waitUntil([&] { return outcomes->size() == before + 1; }));
+        EXPECT_EQ(outcomes->all().at(before), (json{{"n", 1}}));
+        expectReleasedBy([&] { serverShutsDown ? server->shutdown() : peer->close(); });
+        ASSERT_TRUE(waitUntil([&] { return outcomes->size() == before + 3; }));
+        EXPECT_EQ(outcomes->all().at(before + 1), std::nullopt);
+        EXPECT_EQ(outcomes->all().at(before + 2), std::nullopt);
+        EXPECT_TRUE(!serverShutsDown || peer->waitForClose());
     }
     std::this_thread::sleep_for(50ms * sanitizerSlowdown);
-    EXPECT_EQ(outcomes->count(), 7u) << "a handler ran twice";
+    EXPECT_EQ(outcomes->size(), 7u) << "a handler ran twice";
 }

@@ -2,6 +2,8 @@
 // ChannelFixture: a server endpoint on a temporary socket path, with the log captured. TearDown
 // shuts down every endpoint the test made and checks that all their threads have ended.
 // PendingAnswer: a send on a thread of its own. ScriptedDelegate: answers chosen by the test.
+// Recorded: a list that any thread may add to while the test reads it.
+// countingSettings: GUI application settings for the tests of the GUI application and the bridge.
 
 #include <gtest/gtest.h>
 
@@ -10,8 +12,12 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <utility>
+#include <vector>
 
+#include "QBKelvoGUIApplication.h"
 #include "QBLumentideIPC.h"
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
@@ -49,11 +55,30 @@ private:
     std::future<std::optional<nlohmann::json>> answer;
 };
 
+template <typename T>
+class Recorded {
+public:
+    void add(T item) {
+        std::lock_guard guard(lock);
+        items.push_back(std::move(item));
+    }
+    std::vector<T> all() const {
+        std::lock_guard guard(lock);
+        return items;
+    }
+    std::size_t size() const { return all().size(); }
+
+private:
+    mutable std::mutex lock;  // guards items
+    std::vector<T> items;
+};
+
 struct ScriptedDelegate : QBLumentideIPCDelegate {  // refuses the command "refused"
     std::function<std::optional<nlohmann::json>(const std::string&, const nlohmann::json&)> process =
         [](const std::string&, const nlohmann::json&) { return std::nullopt; };
     std::atomic<int> connected{0}, disconnected{0}, processed{0}, lastClient{-1};
     std::atomic<QBLumentideIPC*> lastSender{nullptr};
+    Recorded<std::pair<std::string, nlohmann::json>> received;  // every processed command with its data
 
     void clientConnected(QBLumentideIPC& sender) override { lastSender = &sender, ++connected; }
     void clientDisconnected(QBLumentideIPC& sender) override { lastSender = &sender, ++disconnected; }
@@ -62,6 +87,7 @@ struct ScriptedDelegate : QBLumentideIPCDelegate {  // refuses the command "refu
     }
     std::optional<nlohmann::json> processCommand(const std::string& command, const nlohmann::json& data,
                                                  int client, QBLumentideIPC&) override {
+        received.add({command, data});
         lastClient = client, ++processed;
         return process(command, data);
     }
@@ -78,9 +104,21 @@ protected:
         return {server, [data](QBLumentideIPC& endpoint) { return endpoint.sendMessageToFirstClient("serviceCmd", data); }};
     }
 
+    // Every launch attempt makes one console-user lookup, counted, which finds nobody: nothing is
+    // ever started.
+    QBKelvoGUIApplication::Settings countingSettings(std::chrono::milliseconds checkInterval) {
+        QBKelvoGUIApplication::Settings settings;
+        settings.applicationPath = directory.file("app.desktop");
+        settings.dataDirectories = {directory.file("local"), directory.file("share")};
+        settings.consoleUser = [this] { return ++launchAttempts, std::optional<QBConsoleUser>(); };
+        settings.checkInterval = checkInterval;
+        return settings;
+    }
+
     LogCapture log;
     TempDir directory;
     std::string socketPath = directory.file("channel.socket");
     std::shared_ptr<QBLumentideIPC> server;
     std::vector<std::shared_ptr<QBLumentideIPC>> clients;
+    std::atomic<int> launchAttempts{0};
 };
