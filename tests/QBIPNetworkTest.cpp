@@ -87,9 +87,8 @@ TEST(QBIPNetworkTest, PrefixFromIPv6MaskSocketAddress) {
     EXPECT_EQ(network.addressAndMask(), "::/-1");
     EXPECT_FALSE(network.networkContainsIPAddress(QBIPAddress("::")));
     const std::pair<std::vector<std::uint8_t>, std::int64_t> cases[] = {
-        {{}, 0}, {std::vector<std::uint8_t>(16, 0xff), 128}, {{0xff, 0xff, 0xfe}, 23},
-        {{0xff, 0x00, 0xff, 0x80}, 17},  // bytes after a partial one still count
-        {{0xff, 0x0f}, -1}};
+        {std::vector<std::uint8_t>(16, 0xff), 128}, {{0xff, 0xff, 0xfe}, 23}, {{0xff, 0x0f}, -1},
+        {{0xff, 0x00, 0xff, 0x80}, 17}};  // bytes after a partial one still count
     for (const auto& [bytes, prefix] : cases) {
         mask.sin6_addr = {};
         std::copy(bytes.begin(), bytes.end(), mask.sin6_addr.s6_addr);
