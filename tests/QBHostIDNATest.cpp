@@ -45,28 +45,26 @@ TEST(QBHostPunycodeTest, EdgeInputs) {
     EXPECT_EQ(QBHost::IDNAEncodedString("x." + label + ".y"), "x..y");  // the label is left out
 }
 
-TEST(QBHostIDNATest, NonASCIILabelsAreEncodedOthersKeptAsTheyAre) {
-    const std::pair<const char*, const char*> cases[] = {
-        {"j\u00fcrgen@B\u00fccher.Example", "xn--jrgen-kva@xn--Bcher-kva.Example"},
-        {"a..b@.c", "a..b@.c"},                                 // separator runs unchanged
-        {"bu\u0308cher.de", "xn--bcher-kva.de"},                // NFKC composes u + diaeresis
-        {"b\u00fccher\uFF0E\uFF45\uFF58", "xn--bcher-kva.ex"},  // fullwidth forms
-        {" b\u00fccher. example", "xn--bcher-kva.example"},     // blanks where labels begin
-        {"\n\t a b .c", "a b .c"},                              // blanks inside a label kept
-        {"a. .b", "a..b"}};                                     // blank inside a separator run
-    for (const auto& [name, encoded] : cases)
-        EXPECT_EQ(QBHost::IDNAEncodeName(name), encoded) << name;
-}
-
-TEST(QBHostIDNATest, PrefixedLabelsAreDecodedBadOnesLeftOut) {
-    const std::pair<const char*, const char*> cases[] = {
-        {"Xn--BCHER-KVA@xn--jrgen-kva", "B\u00fcCHER@j\u00fcrgen"},
-        {"abc.xn--bcher-kv.de", "abc..de"},  // the label that does not decode vanishes
-        {"xn--b\u00fc-kva.de", ".de"},       // non-ASCII inside a prefixed label
-        {" xn--bcher-kva. example", "b\u00fccher.example"},
-        {"\uFF58n--tda", "\uFF58n--tda"}};  // no normalisation when decoding
-    for (const auto& [name, decoded] : cases)
-        EXPECT_EQ(QBHost::IDNADecodeName(name), decoded) << name;
+// Encoding: non-ASCII labels get the prefix, others are kept as they are. Decoding: prefixed
+// labels are decoded, the ones that do not decode are left out.
+TEST(QBHostIDNATest, NonASCIILabelsAreEncodedPrefixedLabelsDecodedBadOnesLeftOut) {
+    const std::tuple<bool, const char*, const char*> cases[] = {
+        {true, "j\u00fcrgen@B\u00fccher.Example", "xn--jrgen-kva@xn--Bcher-kva.Example"},
+        {true, "a..b@.c", "a..b@.c"},                                 // separator runs unchanged
+        {true, "bu\u0308cher.de", "xn--bcher-kva.de"},                // NFKC composes u + diaeresis
+        {true, "b\u00fccher\uFF0E\uFF45\uFF58", "xn--bcher-kva.ex"},  // fullwidth forms
+        {true, " b\u00fccher. example", "xn--bcher-kva.example"},     // blanks where labels begin
+        {true, "\n\t a b .c", "a b .c"},                              // blanks inside a label kept
+        {true, "a. .b", "a..b"},  // blank inside a separator run
+        {false, "Xn--BCHER-KVA@xn--jrgen-kva", "B\u00fcCHER@j\u00fcrgen"},
+        {false, "abc.xn--bcher-kv.de", "abc..de"},  // the label that does not decode vanishes
+        {false, "xn--b\u00fc-kva.de", ".de"},       // non-ASCII inside a prefixed label
+        {false, " xn--bcher-kva. example", "b\u00fccher.example"},
+        {false, "\uFF58n--tda", "\uFF58n--tda"}};  // no normalisation when decoding
+    for (const auto& [encode, name, expected] : cases) {
+        EXPECT_EQ(encode ? QBHost::IDNAEncodeName(name) : QBHost::IDNADecodeName(name), expected)
+            << name;
+    }
 }
 
 // Long inputs of one digit: the decoder's work stays bounded.
