@@ -5,7 +5,7 @@
 #include "QBPlatform.h"
 #include "support/TempDir.h"
 
-TEST(QBPlatformTest, PropertyListIsPreferredInEitherEncodingAndVersionsHaveThreeParts) {
+TEST(QBPlatformTest, PropertyListIsPreferredAndVersionsHaveThreeParts) {
     TempDir dir;
     const std::string plist = dir.file("SystemVersion.plist"), osRelease = dir.file("os-release");
     const auto read = [&] { return QBPlatform::readOperatingSystemVersion(plist, osRelease); };
