@@ -188,11 +188,19 @@ bool QBLumentideIPC::writeFrame(const std::vector<std::uint8_t>& frame, const Se
     return QBLumentideIPCFrames::writeInPieces(frame.data(), frame.size(), transferChunkSize, send);
 }
 
+namespace {
+
+// What a single frame's reader allocates first: a typical command or reply fits, a longer body
+// grows the buffer as it arrives.
+constexpr std::size_t singleFrameSize = 256;
+
+}  // namespace
+
 std::optional<json> QBLumentideIPC::readFrame(const ReceiveCall& receive) {
     // Each call is asked for exactly what the frame still lacks, so nothing beyond it is taken:
     // one marker byte, the four length bytes (a call that brings fewer breaks the frame), then
     // the body in transfer chunks.
-    InboundFrames frames;
+    InboundFrames frames(singleFrameSize);
     for (;;) {
         std::string_view body;
         switch (frames.next(body, true)) {

@@ -62,6 +62,10 @@ std::optional<nlohmann::json> decodeEnvelope(std::string_view body);
 // into the buffer, so it is parsed where it was received.
 class InboundFrames {
 public:
+    // initialSize: the buffer's first size; a connection's reader starts with room for a few
+    // typical frames, a single frame's reader with room for one small frame.
+    explicit InboundFrames(std::size_t initialSize = receiveSize) : bytes(initialSize) {}
+
     enum class Step {
         frame,      // body holds the next frame's body
         needInput,  // nothing more without another receive call
@@ -91,7 +95,7 @@ private:
     std::size_t available() const { return end - start; }
     std::span<std::uint8_t> reserve(std::size_t wanted);
 
-    std::vector<std::uint8_t> bytes = std::vector<std::uint8_t>(receiveSize);
+    std::vector<std::uint8_t> bytes;
     std::size_t start = 0;  // first byte not yet taken
     std::size_t end = 0;    // one past the last byte received
     Stage stage = Stage::marker;

@@ -331,8 +331,8 @@ private:
         }
         if (fixed->second.noReply) return;
         // The state still changes as the command says, whatever the fixed reply claims.
-        json reply = state.answer(command);
-        if (fixed->second.content) reply = *fixed->second.content;
+        json own = state.answer(command);
+        const json& reply = fixed->second.content ? *fixed->second.content : own;
         if (fixed->second.delay.count() <= 0) {
             connection->reply(id, reply);
             return;
