@@ -1,7 +1,8 @@
 #pragma once
-// Private to QBLumentideIPC: the frame layout on plain inputs, shared by the endpoint's files.
-// One encoder (encodeFrame) writes every frame the channel sends; one decoder (InboundFrames)
-// takes apart every frame it receives, for a connection's reader as for readFrame().
+// Private to QBLumentideIPC: the frame layout on plain inputs, shared by the endpoint's files
+// (and by the GUI stand-in in tools/, which speaks the client's end without an endpoint). One
+// encoder (encodeFrame) writes every frame the channel sends; one decoder (InboundFrames) takes
+// apart every frame it receives, for a connection's reader as for readFrame().
 
 #include <algorithm>
 #include <cstddef>

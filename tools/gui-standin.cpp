@@ -25,6 +25,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cerrno>
 #include <cmath>
 #include <condition_variable>
 #include <csignal>
@@ -37,13 +38,16 @@
 #include <memory>
 #include <optional>
 #include <queue>
+#include <span>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "QBLumentideIPC.h"
+#include "QBLumentideIPCFrames.h"
 #include "QBMutex.h"
 #include "platform/QBSignalSource.h"
 
@@ -155,60 +159,144 @@ private:
     double txTotal QB_GUARDED_BY(lock) = 0;
 };
 
-// One connection to the daemon's channel: buffered frame reads on the reading thread, whole
+// What the stand-in reads of an envelope, taken from the frame's body by the library's event
+// parser without building a tree: the message's command and id, whether its content is an
+// object, and the content's own "command" (the service command). A key given twice counts with
+// its last value, as in a parsed object.
+class EnvelopeFields {
+public:
+    static std::optional<EnvelopeFields> of(std::string_view body) {
+        EnvelopeFields fields;
+        const bool parsed = json::sax_parse(body.begin(), body.end(), &fields);
+        if (!parsed || !fields.command || !fields.messageId || !fields.contentIsObject) return std::nullopt;
+        return fields;
+    }
+
+    std::optional<std::string> command;
+    std::optional<std::string> messageId;
+    std::string serviceCommand;  // empty when the content has no string "command"
+    bool contentIsObject = false;
+
+    // The event parser's interface.
+    bool null() { return value(); }
+    bool boolean(bool) { return value(); }
+    bool number_integer(json::number_integer_t) { return value(); }
+    bool number_unsigned(json::number_unsigned_t) { return value(); }
+    bool number_float(json::number_float_t, const json::string_t&) { return value(); }
+    bool binary(json::binary_t&) { return value(); }
+    bool string(json::string_t& text) { return value(&text); }
+    bool key(json::string_t& name) {
+        if (depth == 1) topKey = name;
+        if (depth == 2 && inContent) contentKey = name;
+        return true;
+    }
+    bool start_object(std::size_t) {
+        value(nullptr, true);
+        if (depth == 1 && topKey == "content") inContent = true;
+        ++depth;
+        return true;
+    }
+    bool start_array(std::size_t) {
+        value();
+        ++depth;
+        return true;
+    }
+    bool end_object() { return closed(); }
+    bool end_array() { return closed(); }
+    bool parse_error(std::size_t, const std::string&, const json::exception&) { return false; }
+
+private:
+    // A value at the current depth: a top-level member or a member of the content.
+    bool value(json::string_t* text = nullptr, bool isObject = false) {
+        if (depth == 1) {
+            if (topKey == "command") command = text ? std::optional(*text) : std::nullopt;
+            if (topKey == "messageid") messageId = text ? std::optional(*text) : std::nullopt;
+            if (topKey == "content") contentIsObject = isObject, serviceCommand.clear();
+        } else if (depth == 2 && inContent && contentKey == "command") {
+            serviceCommand = text ? *text : std::string();
+        }
+        return true;
+    }
+    bool closed() {
+        if (--depth == 1) inContent = false;
+        return true;
+    }
+
+    int depth = 0;
+    bool inContent = false;  // inside the top level's "content" object
+    std::string topKey;
+    std::string contentKey;
+};
+
+// One connection to the daemon's channel: frames read in batches on the reading thread, whole
 // frames written under a lock from any thread.
 class ChannelConnection {
 public:
     explicit ChannelConnection(int socket) : socket(socket) {}
     ~ChannelConnection() { ::close(socket); }
 
-    std::optional<json> readEnvelope() {
-        return QBLumentideIPC::readFrame([this](std::uint8_t* bytes, std::size_t length) {
-            return receive(bytes, length);
-        });
+    // Calls handle with the body of every frame that arrives, until the connection ends. It
+    // waits in poll() for input, as an event loop does, not in the receive: a thread asleep in a
+    // stream socket's receive is also woken whenever the daemon takes in a reply sent to it
+    // (room to write again), a wasted wake-up per command. One receive takes what has come, so
+    // commands that arrive together are answered in one wake-up.
+    template <typename Handle>
+    void readFrames(const Handle& handle) {
+        for (;;) {
+            pollfd input{socket, POLLIN, 0};
+            if (::poll(&input, 1, -1) < 0 && errno != EINTR) return;
+            if (!receiveInto(frames.space())) return;
+            for (;;) {
+                std::string_view body;
+                auto step = frames.next(body, false);
+                if (step == InboundFrames::Step::needTopUp) {
+                    if (!receiveInto(frames.space(), MSG_DONTWAIT)) return;
+                    step = frames.next(body, true);
+                }
+                if (step == InboundFrames::Step::broken) return;
+                if (step != InboundFrames::Step::frame) break;
+                handle(body);
+            }
+        }
     }
     void reply(const std::string& replyId, const json& content) {
         QBMutexLock guard(writeLock);
-        const json envelope{{"command", "reply"},
-                            {"messageid", std::to_string(++lastMessageId)},
-                            {"replyid", replyId},
-                            {"content", content}};
-        const auto frame = QBLumentideIPC::frameWithEnvelope(envelope);
-        QBLumentideIPC::writeFrame(frame, [this](const std::uint8_t* bytes, std::size_t length) {
-            return ::send(socket, bytes, length, MSG_NOSIGNAL);
-        });
+        const std::string messageId = std::to_string(++lastMessageId);
+        // The keys in the library's order, as every frame on the channel has them.
+        const QBLumentideIPCFrames::Member members[] = {
+            {"command", &replyCommand}, {"content", nullptr, &content},
+            {"messageid", &messageId},  {"replyid", &replyId}};
+        if (!QBLumentideIPCFrames::encodeFrame(frame, members)) return;
+        QBLumentideIPCFrames::writeInPieces(
+            reinterpret_cast<const std::uint8_t*>(frame.data()), frame.size(), QBLumentideIPC::transferChunkSize,
+            [this](const std::uint8_t* bytes, std::size_t length) {
+                return ::send(socket, bytes, length, MSG_NOSIGNAL);
+            });
     }
     void interrupt() { ::shutdown(socket, SHUT_RDWR); }
 
 private:
-    // Hands out buffered bytes, receiving in large pieces; waits for as many bytes as asked for,
-    // since the daemon writes whole frames. It waits in poll() for input, as an event loop does,
-    // not in the receive: a thread asleep in a stream socket's receive is also woken whenever the
-    // daemon takes in a reply sent to it (room to write again), a wasted wake-up per command.
-    std::ptrdiff_t receive(std::uint8_t* bytes, std::size_t length) {
-        while (buffered.size() - offset < length) {
-            if (offset > 0) buffered.erase(0, offset), offset = 0;
-            char chunk[65536];
-            pollfd input{socket, POLLIN, 0};
-            ::poll(&input, 1, -1);
-            const ssize_t got = ::recv(socket, chunk, sizeof chunk, 0);
-            if (got <= 0) return got;
-            buffered.append(chunk, static_cast<std::size_t>(got));
+    using InboundFrames = QBLumentideIPCFrames::InboundFrames;
+    inline static const std::string replyCommand = "reply";
+
+    // False when the connection has ended; true also when nothing had come yet.
+    bool receiveInto(std::span<std::uint8_t> space, int flags = 0) {
+        for (;;) {
+            const ssize_t got = ::recv(socket, space.data(), space.size(), flags);
+            if (got > 0) frames.received(static_cast<std::size_t>(got));
+            if (got >= 0) return got > 0;
+            if (errno == EAGAIN || errno == EWOULDBLOCK) return true;
+            if (errno != EINTR) return false;
         }
-        std::memcpy(bytes, buffered.data() + offset, length);
-        offset += length;
-        return static_cast<std::ptrdiff_t>(length);
     }
 
     const int socket;
-    std::string buffered;
-    std::size_t offset = 0;
-    // A leaf lock, held for a whole frame's write so that frames never interleave.
+    InboundFrames frames;
     QBMutex writeLock;
     std::int64_t lastMessageId QB_GUARDED_BY(writeLock) = 0;
+    std::string frame QB_GUARDED_BY(writeLock);  // reused for every reply
 };
 
-// Replies held back by "delayMs", sent by one thread at their time.
 class DelayedReplies {
 public:
     DelayedReplies() : thread([this] { run(); }) {}
@@ -304,23 +392,19 @@ public:
 
     // Serves one connection until it ends or a stop signal arrives.
     void serve(const std::shared_ptr<ChannelConnection>& connection) {
-        while (auto envelope = connection->readEnvelope()) {
-            if (!options.quiet) std::cout << envelope->dump() << std::endl;
-            if (!QBLumentideIPC::isValidEnvelope(*envelope) || (*envelope)["command"] == "reply") {
-                continue;
-            }
-            answer(connection, *envelope);
-        }
+        connection->readFrames([&](std::string_view body) {
+            if (!options.quiet) std::cout << body << std::endl;
+            const auto envelope = EnvelopeFields::of(body);
+            if (envelope && *envelope->command != "reply") answer(connection, *envelope);
+        });
     }
 
 private:
     // A delayed reply holds the connection; if that has ended by then, the write just fails.
-    void answer(const std::shared_ptr<ChannelConnection>& connection, const json& envelope) {
-        const std::string id = envelope["messageid"];
-        const json& content = envelope["content"];
-        const std::string command =
-            content.contains("command") && content["command"].is_string() ? content["command"] : "";
-        if (envelope["command"] != "serviceCmd") {
+    void answer(const std::shared_ptr<ChannelConnection>& connection, const EnvelopeFields& envelope) {
+        const std::string& id = *envelope.messageId;
+        const std::string& command = envelope.serviceCommand;
+        if (*envelope.command != "serviceCmd") {
             connection->reply(id, json{{"status", "OK"}});
             return;
         }
