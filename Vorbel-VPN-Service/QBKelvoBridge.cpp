@@ -34,7 +34,9 @@ QBKelvoBridge::QBKelvoBridge(std::shared_ptr<QBLumentideIPC> channel,
 // ---- The relayed commands -------------------------------------------------------------------
 
 std::optional<json> QBKelvoBridge::contentFor(const Method& method, const Arguments& arguments) {
-    json content{{"command", method.name}};
+    // Built member by member: an initializer list would build every value twice.
+    json content = json::object();
+    content["command"] = method.name;
     if (method.takes == Takes::server || method.takes == Takes::serverAndToken) {
         if (arguments.server.empty() || !isPort(arguments.port) || !isPort(arguments.webPort)) {
             return std::nullopt;

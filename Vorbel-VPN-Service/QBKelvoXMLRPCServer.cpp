@@ -3,6 +3,7 @@
 #include <unicode/utf8.h>
 
 #include <algorithm>
+#include <array>
 #include <limits>
 
 #include "platform/QBLog.h"
@@ -145,9 +146,11 @@ const std::string& preflightReply() {
 
 // Splits UTF-8 text at every code point for which isSeparator holds; two separators in a row
 // give an empty part between them. ASCII bytes are tested directly, other code points decoded.
+// Room for expectedParts is made at once, so a usual request grows no vector.
 template <typename Predicate>
-std::vector<std::string_view> splitAt(std::string_view text, Predicate isSeparator) {
+std::vector<std::string_view> splitAt(std::string_view text, std::size_t expectedParts, Predicate isSeparator) {
     std::vector<std::string_view> parts;
+    parts.reserve(expectedParts);
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
     const auto length = static_cast<std::int32_t>(text.size());
     std::int32_t partStart = 0;
@@ -251,8 +254,10 @@ void QBKelvoXMLRPCServer::clientConnected() {
 QBKelvoXMLRPCServer::RequestHead QBKelvoXMLRPCServer::parseRequestHead(
     std::string_view headerBlock) {
     RequestHead head;
-    const auto lines = splitAt(headerBlock, [](char32_t c) { return isLineBreak(c); });
-    head.requestLine = splitAt(lines.front(), [](char32_t c) { return isBlank(c); });
+    // A browser's request has a dozen header lines or so, and its request line three parts.
+    const auto lines = splitAt(headerBlock, 24, [](char32_t c) { return isLineBreak(c); });
+    head.requestLine = splitAt(lines.front(), 3, [](char32_t c) { return isBlank(c); });
+    head.headers.reserve(lines.size() - 1);
     for (std::size_t i = 1; i < lines.size(); ++i) {
         const auto colon = lines[i].find(':');
         if (colon == std::string_view::npos) continue;
@@ -342,16 +347,34 @@ std::string_view QBKelvoXMLRPCServer::reasonPhrase(std::int32_t status) {
 
 std::string QBKelvoXMLRPCServer::httpReply(std::int32_t status, const Headers& headers,
                                            std::string_view content) {
-    Headers all = headers;
-    all["Content-Length"] = std::to_string(content.size());
-    all["Content-Type"] = "text/xml";
-    all["Server"] = "MacTunnelwright/1.1";
-    all["Pragma"] = "no-cache";
-    all["Cache-Control"] = "no-cache";
-    all["Access-Control-Allow-Origin"] = "*";
+    using Header = std::pair<std::string_view, std::string_view>;
+    // Every reply carries these; they replace a given header of the same name.
+    const std::string contentLength = std::to_string(content.size());
+    const std::array<Header, 6> fixed{{{"Access-Control-Allow-Origin", "*"},
+                                       {"Cache-Control", "no-cache"},
+                                       {"Content-Length", contentLength},
+                                       {"Content-Type", "text/xml"},
+                                       {"Pragma", "no-cache"},
+                                       {"Server", "MacTunnelwright/1.1"}}};
+    std::vector<Header> all(fixed.begin(), fixed.end());
+    for (const auto& [name, value] : headers) {
+        const bool replaced = std::any_of(fixed.begin(), fixed.end(),
+                                          [&](const Header& header) { return header.first == name; });
+        if (!replaced) all.emplace_back(name, value);
+    }
+    // In the order of their names, as a map of them would list them.
+    std::sort(all.begin(), all.end(), [](const Header& a, const Header& b) { return a.first < b.first; });
 
-    std::string reply = "HTTP/1.1 " + std::to_string(status) + " ";
-    reply += reasonPhrase(status);
+    const std::string statusText = std::to_string(status);
+    const std::string_view reason = reasonPhrase(status);
+    std::size_t size = 9 + statusText.size() + 1 + reason.size() + 2 + 2 + content.size();
+    for (const auto& [name, value] : all) size += name.size() + 2 + value.size() + 2;
+    std::string reply;
+    reply.reserve(size);
+    reply += "HTTP/1.1 ";
+    reply += statusText;
+    reply += ' ';
+    reply += reason;
     reply += "\r\n";
     for (const auto& [name, value] : all) {
         reply += name;
@@ -405,23 +428,40 @@ std::optional<QBKelvoXMLRPCServer::Value> QBKelvoXMLRPCServer::performXMLMethod(
 }
 
 std::string QBKelvoXMLRPCServer::methodResponseDocument(const std::vector<Value>& values) {
-    std::string params;
+    constexpr std::string_view start = "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\r\n<methodResponse>\r\n";
+    constexpr std::string_view end = "\r\n</methodResponse>\r\n";
+    constexpr std::string_view paramsStart = "  <params>\n";
+    constexpr std::string_view paramsEnd = "  </params>";
+    constexpr std::string_view paramStart = "    <param>\r\n      <value>";
+    constexpr std::string_view paramEnd = "</value>\r\n    </param>\r\n";
+    // Room for the whole document at once: the fixed text, each value's markup (at most
+    // "<string></string>") and its text (an int's at most 11 characters).
+    std::size_t size = start.size() + paramsStart.size() + paramsEnd.size() + end.size();
     for (const auto& value : values) {
-        params += "    <param>\r\n      <value>";
+        const auto* text = std::get_if<std::string>(&value);
+        size += paramStart.size() + 17 + (text ? text->size() : 11) + paramEnd.size();
+    }
+    std::string document;
+    document.reserve(size);
+    document += start;
+    if (!values.empty()) document += paramsStart;
+    for (const auto& value : values) {
+        document += paramStart;
         if (const auto* text = std::get_if<std::string>(&value)) {
-            params += "<string>" + *text + "</string>";
+            document += "<string>";
+            document += *text;
+            document += "</string>";
         } else {
             // An int element holds 32 bits; a wider number keeps its low 32 bits.
-            params += "<int>" +
-                      std::to_string(static_cast<std::int32_t>(std::get<std::int64_t>(value))) +
-                      "</int>";
+            document += "<int>";
+            document += std::to_string(static_cast<std::int32_t>(std::get<std::int64_t>(value)));
+            document += "</int>";
         }
-        params += "</value>\r\n    </param>\r\n";
+        document += paramEnd;
     }
-    const std::string block =
-        values.empty() ? std::string() : "  <params>\n" + params + "  </params>";
-    return "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\r\n<methodResponse>\r\n" + block +
-           "\r\n</methodResponse>\r\n";
+    if (!values.empty()) document += paramsEnd;
+    document += end;
+    return document;
 }
 
 std::string QBKelvoXMLRPCServer::methodResponseReply(const std::vector<Value>& values) {
