@@ -93,7 +93,6 @@ TEST(QBIPAddressTest, EqualityAndHashFollowTheAddressText) {
     EXPECT_TRUE(none.isEqual(&none));
 }
 
-// Rendered lowercase without leading zeros; other text leaves no address until a good one.
 TEST(QBEtherAddressTest, RendersLowercaseAndRefusesOtherTextUntilAGoodOne) {
     EXPECT_EQ(QBEtherAddress().address(), "0:0:0:0:0:0");
     EXPECT_EQ(QBEtherAddress("00:1C:42:0A:0B:FF").address(), "0:1c:42:a:b:ff");

@@ -1,5 +1,3 @@
-// The interface tool's text, read in both dialects: BSD ifconfig and iproute2's ip.
-
 #include "QBInterfaceData.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,4 @@
-// QBTCPSocket's connecting with a time-out, over real loopback connections. The daemon uses the
-// class only to listen (the bridge server's tests cover that); its reads, sends and accept loop
-// serve other users of the library.
+// Connecting, for other users of the library: the daemon only listens (see the bridge's tests).
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>

@@ -1,6 +1,3 @@
-// Configuration documents: the line tokenizer, the stores, the writer, saving, and subclasses
-// that recognise inline blocks.
-
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -10,6 +7,7 @@
 #include <fstream>
 
 #include "QBVPNConfiguration.h"
+#include "platform/QBFile.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -27,17 +25,6 @@ std::shared_ptr<QBVPNConfiguration> load(std::string_view text) {
 void expectTokens(const std::vector<std::pair<std::string, Tokens>>& cases) {
     const QBVPNConfiguration tokenizer;
     for (const auto& [line, tokens] : cases) EXPECT_EQ(tokenizer.parseLine(line), tokens) << line;
-}
-
-std::string repeated(std::string_view unit, std::size_t count) {
-    std::string text;
-    while (count-- > 0) text += unit;
-    return text;
-}
-
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 // Recognises inline blocks written as "<ca>" ... "</ca>" ("<?>" has no name), and stores command
@@ -84,16 +71,22 @@ TEST(QBVPNConfigurationTokenizerTest, CommentsQuotesBackslashesAndWhiteSpace) {
     });
 }
 
-TEST(QBVPNConfigurationTokenizerTest, LengthLimitCountsUTF16UnitsBeforeTrimming) {
+// A meta line's limit excludes the prefix: its longer line is skipped.
+TEST(QBVPNConfigurationTokenizerTest, LengthLimitCountsUTF16UnitsBeforeTrimmingAndNotTheMetaPrefix) {
     const auto limit = static_cast<std::size_t>(QBVPNConfiguration::defaultMaxLineLength);
     const std::string euro = "\xE2\x82\xAC";       // one code unit, three bytes
     const std::string emoji = "\xF0\x9F\x98\x80";  // two code units, four bytes
+    std::string euros, emojis;                    // limit code units each
+    for (std::size_t i = 0; i < limit; ++i) euros += euro, emojis += i % 2 ? emoji : "";
     expectTokens({
-        {repeated(" ", limit - 4) + "abcde", {}},  // blanks count before trimming
-        {repeated(euro, limit), {{repeated(euro, limit)}}},
-        {repeated(euro, limit + 1), {}},
-        {repeated(emoji, limit / 2) + "a", {}},
+        {std::string(limit - 4, ' ') + "abcde", {}},  // blanks count before trimming
+        {euros, {{euros}}},
+        {euros + euro, {}},
+        {emojis + "a", {}},
     });
+    const std::string word(limit - 6, 'x');  // " name " + word
+    const auto document = load("#lumentide name " + word + "\n#lumentide name x" + word + "\n");
+    EXPECT_EQ(document->getMetaCommands("name"), (Occurrences{{word}}));
 }
 
 // Every line break ends a line: LF, CR LF, NEL and the paragraph separator below.
@@ -126,18 +119,11 @@ TEST(QBVPNConfigurationDocumentTest, LoadingAddsToTheStoresSetReplacesAddAppends
     EXPECT_EQ(document.getMetaCommands("name"), (Occurrences{{}}));
     document.removeMetaCommand("name");
     EXPECT_EQ(document.displayName(), std::nullopt);
-    // The block store is absent until set and after removing all.
     document.removeMultilineCommand("ca");  // no store: nothing happens
     document.setMultilineCommand("ca", "one\n");
     EXPECT_TRUE(document.multilineCommandExists("ca"));
     document.removeAllMultilineCommands();
     EXPECT_EQ(document.getMultilineCommands(), std::nullopt);
-}
-
-TEST(QBVPNConfigurationDocumentTest, MetaLineLimitExcludesThePrefix) {
-    const std::string word(QBVPNConfiguration::defaultMaxLineLength - 6, 'x');  // " name " + word
-    const auto document = load("#lumentide name " + word + "\n#lumentide name x" + word + "\n");
-    EXPECT_EQ(document->getMetaCommands("name"), (Occurrences{{word}}));  // the longer is skipped
 }
 
 TEST(QBVPNConfigurationDocumentTest, InvalidUTF8TextOrUnreadableFileLoadsNothing) {
@@ -195,7 +181,7 @@ TEST(QBVPNConfigurationGenerationTest, SaveReplacesTheFileWholeOrNotAtAllAndKeep
     fs::permissions(path, fs::perms(0640));
     auto document = QBVPNConfiguration::configurationWithData("remote a.example 1194\n", path);
     document->save();
-    const std::string saved = readFile(path);
+    const auto saved = QBFile::readRegular(path);
     EXPECT_EQ(saved, document->generateRawConfigurationData());
     EXPECT_EQ(fs::status(path).permissions(), fs::perms(0640));
     // A file-size limit makes the next write fail part-way, even for root.
@@ -208,7 +194,7 @@ TEST(QBVPNConfigurationGenerationTest, SaveReplacesTheFileWholeOrNotAtAllAndKeep
     document->save();
     ::setrlimit(RLIMIT_FSIZE, &unlimited);
     ::signal(SIGXFSZ, previousHandler);
-    EXPECT_EQ(readFile(path), saved);
+    EXPECT_EQ(QBFile::readRegular(path), saved);
     EXPECT_EQ(std::distance(fs::directory_iterator(directory.path()), {}), 1);  // no temporary
     QBVPNConfiguration::configurationWithData("remote x\n", directory.file("new.ovpn"))->save();
     EXPECT_EQ(fs::status(directory.file("new.ovpn")).permissions(), fs::perms(0600));  // keys

@@ -1,6 +1,3 @@
-// The worker pool: its thread limit, queueing beyond it, a throwing job, idle threads ending,
-// and a destructor that lets every accepted job finish.
-
 #include <gtest/gtest.h>
 
 #include "QBWorkerPool.h"
