@@ -9,33 +9,25 @@
 // The unallocatable capacity below needs the allocator's null, not an AddressSanitizer report.
 extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
 
-namespace {
-
 using Bytes = std::vector<std::uint8_t>;
 
-Bytes bytesOf(std::string_view text) { return Bytes(text.begin(), text.end()); }
-Bytes contents(const QBBuffer& buffer) { return buffer.rawData().value_or(Bytes{}); }
+static Bytes bytesOf(std::string_view text) { return Bytes(text.begin(), text.end()); }
+static Bytes contents(const QBBuffer& buffer) { return buffer.rawData().value_or(Bytes{}); }
 
 // An empty buffer whose head sits at store index head, so that later writes wrap round.
-std::unique_ptr<QBBuffer> bufferWithHeadAt(std::int64_t size, std::int64_t head) {
+static std::unique_ptr<QBBuffer> bufferWithHeadAt(std::int64_t size, std::int64_t head) {
     auto buffer = QBBuffer::initWithSize(size);
     if (buffer->writeData(Bytes(head, 0))) buffer->removeData(head);
     return buffer;
 }
 
-}  // namespace
-
-TEST(QBBufferTest, CapacityIsFixedAtCreation) {
+TEST(QBBufferTest, CapacityIsFixedAtCreationAndARefusedWriteLeavesTheBufferUnchanged) {
     EXPECT_EQ(QBBuffer::initWithSize(-4096)->size(), QBBuffer::defaultSize);
     EXPECT_EQ(QBBuffer::initWithSize(0)->size(), 0);
     LogCapture log;
     EXPECT_EQ(QBBuffer::initWithSize(INT64_MAX), nullptr);
     EXPECT_EQ(log.count("Buffer memory allocation failed"), 1);
     EXPECT_FALSE(QBBuffer::initWithSize(8)->terminatedWithBytes(nullptr, 0));
-}
-
-TEST(QBBufferTest, RefusedWriteLeavesBufferUnchanged) {
-    LogCapture log;
     auto buffer = bufferWithHeadAt(8, 6);
     buffer->writeString("hello");
     EXPECT_FALSE(buffer->writeRawData(nullptr, 1));

@@ -43,6 +43,8 @@ TEST(QBHostPunycodeTest, EdgeInputs) {
     const std::string label = std::string(5000, 'a') + "\U0010FFFF";
     EXPECT_EQ(QBHost::punycodeEncodedString(label), std::nullopt);
     EXPECT_EQ(QBHost::IDNAEncodedString("x." + label + ".y"), "x..y");  // the label is left out
+    // Long runs of one digit: the decoder's work stays bounded.
+    for (char digit : {'a', '9'}) QBHost::IDNADecodedString("xn--" + std::string(100000, digit));
 }
 
 TEST(QBHostIDNATest, NonASCIILabelsAreEncodedPrefixedLabelsDecodedBadOnesLeftOut) {
@@ -63,8 +65,4 @@ TEST(QBHostIDNATest, NonASCIILabelsAreEncodedPrefixedLabelsDecodedBadOnesLeftOut
         EXPECT_EQ(encode ? QBHost::IDNAEncodeName(name) : QBHost::IDNADecodeName(name), expected)
             << name;
     }
-}
-
-TEST(QBHostPunycodeTest, LongRunsOfOneDigitDecodeInBoundedWork) {
-    for (char digit : {'a', '9'}) QBHost::IDNADecodedString("xn--" + std::string(100000, digit));
 }
