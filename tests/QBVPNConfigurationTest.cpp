@@ -163,7 +163,7 @@ TEST(QBVPNConfigurationGenerationTest, TextHasHeaderThenMetaKnownAndUnknownComma
     EXPECT_EQ(document->generateRawConfigurationData(), known);
 }
 
-TEST(QBVPNConfigurationGenerationTest, SaveReplacesTheFileWholeOrNotAtAllAndKeepsItsMode) {
+TEST(QBVPNConfigurationGenerationTest, SaveReplacesTheFileWholeOrNotAtAllKeepsItsModeAndSetsTheProtocol) {
     TempDir directory;
     const std::string path = directory.file("config.ovpn");
     std::ofstream(path) << "old content\n";
@@ -187,11 +187,8 @@ TEST(QBVPNConfigurationGenerationTest, SaveReplacesTheFileWholeOrNotAtAllAndKeep
     EXPECT_EQ(std::distance(fs::directory_iterator(directory.path()), {}), 1);  // no temporary
     QBVPNConfiguration::configurationWithData("remote x\n", directory.file("new.ovpn"))->save();
     EXPECT_EQ(fs::status(directory.file("new.ovpn")).permissions(), fs::perms(0600));  // keys
-}
-
-TEST(QBVPNConfigurationGenerationTest, SaveRecordsTheProtocolOnlyWhenSet) {
     QBVPNConfiguration plain;
-    plain.save();  // no path: writes nothing, reports nothing
+    plain.save();  // no path: writes nothing, reports nothing, adds no protocol
     EXPECT_FALSE(plain.metaCommandExists("protocol"));
     struct ProtocolConfiguration : QBVPNConfiguration {
         ProtocolConfiguration() { _protocol = "tcp"; }
