@@ -198,22 +198,18 @@ TEST(QBVPNConfigurationGenerationTest, SaveReplacesTheFileWholeOrNotAtAllKeepsIt
     EXPECT_EQ(withProtocol.getMetaCommands("protocol"), QBVPNConfiguration::Occurrences{{"tcp"}});
 }
 
-TEST(QBVPNConfigurationSubclassTest, InlineBlocksLoadAsBlocksNotCommands) {
+// Each load replaces the blocks (the file's among them) and drops unfinished or nameless ones.
+TEST(QBVPNConfigurationSubclassTest, InlineBlocksLoadAsBlocksNotCommandsAndEachLoadReplacesThem) {
     const auto document = QBVPNConfiguration::configurationWithFile<InlineBlockConfiguration>(QB_SOURCE_DIR "/tests/data/office-profile.ovpn");
     EXPECT_EQ(document->getMultilineCommand("tls-auth"),
               "-----BEGIN Static key V1-----\n0f1e2d3c4b5a69788796a5b4c3d2e1f0\n-----END Static key V1-----\n");
     EXPECT_FALSE(document->commandExists("<ca>") || document->commandExists("-----BEGIN"));
-    EXPECT_EQ(document->getCommand("key-direction"), (QBVPNConfiguration::Parameters{"1"}));
-}
-
-TEST(QBVPNConfigurationSubclassTest, EachLoadReplacesTheBlocksAndDropsUnfinishedOrNamelessOnes) {
-    InlineBlockConfiguration document;
-    document.parseRawData("<ca>\nfirst\n</ca>\n");
-    document.parseRawData("<key>\n# not a comment here\n</key>\n<?>\nx\n</>\n<cert>\nremote a\n");
-    EXPECT_EQ(document.getMultilineCommands(), (QBVPNConfiguration::BlockStore{{"key", "# not a comment here\n"}}));
-    EXPECT_FALSE(document.commandExists("remote"));  // lines of an open block are never tokenized
-    document.parseRawData("<ca>\r\nA\r\n</ca>\r\n");  // CR LF leaves an empty line after each
-    EXPECT_EQ(document.getMultilineCommand("ca"), "\nA\n\n");
+    EXPECT_EQ(document->getCommand("key-direction"), (Parameters{"1"}));
+    document->parseRawData("<key>\n# not a comment here\n</key>\n<?>\nx\n</>\n<cert>\nroute a\n");
+    EXPECT_EQ(document->getMultilineCommands(), (QBVPNConfiguration::BlockStore{{"key", "# not a comment here\n"}}));
+    EXPECT_FALSE(document->commandExists("route"));  // lines of an open block are never tokenized
+    document->parseRawData("<ca>\r\nA\r\n</ca>\r\n");  // CR LF leaves an empty line after each
+    EXPECT_EQ(document->getMultilineCommand("ca"), "\nA\n\n");
 }
 
 TEST(QBVPNConfigurationSubclassTest, BlocksAreWrittenAfterCommandsAndGainALineFeedPerRoundTrip) {
