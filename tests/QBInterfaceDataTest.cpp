@@ -2,8 +2,7 @@
 
 #include <gtest/gtest.h>
 
-// The entries rendered as text: "address/prefix", with " peer P" for a point-to-point line; an
-// entry whose network was rejected renders as "none".
+// An entry as "address/prefix" (then " peer P" for point-to-point), "none" when rejected.
 static std::string render(const QBIPNetwork& network) {
     return network.address() ? *network.address() + "/" + std::to_string(network.prefix()) : "none";
 }
