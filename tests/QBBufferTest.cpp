@@ -67,9 +67,8 @@ TEST(QBBufferTest, StringReadsEndAtZeroByteOrTerminatorAndRejectInvalidUTF8) {
     EXPECT_EQ(buffer->length(), 0);
 }
 
-// Random operations against a byte vector: positioned writes, self-copies, reads into a vector
-// or a new buffer, and tail matches (also longer than the unread data, which must never match
-// the stale bytes behind the head): index and wrap-around faults.
+// Index and wrap-around faults, against a byte vector. Tail matches longer than the unread data
+// must never match the stale bytes behind the head.
 TEST(QBBufferTest, RandomOperationsMatchAVectorModel) {
     LogCapture quiet;  // refused writes log a line each
     std::mt19937 random(20240611);

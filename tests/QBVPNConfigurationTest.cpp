@@ -173,6 +173,7 @@ TEST(QBVPNConfigurationGenerationTest, SaveReplacesTheFileWholeOrNotAtAllKeepsIt
     const auto saved = QBFile::readRegular(path);
     EXPECT_EQ(saved, document->generateRawConfigurationData());
     EXPECT_EQ(fs::status(path).permissions(), fs::perms(0640));
+    EXPECT_FALSE(document->metaCommandExists("protocol"));  // none set: none recorded
     // A file-size limit makes the next write fail part-way, even for root.
     rlimit unlimited{};
     ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &unlimited), 0);
@@ -187,9 +188,7 @@ TEST(QBVPNConfigurationGenerationTest, SaveReplacesTheFileWholeOrNotAtAllKeepsIt
     EXPECT_EQ(std::distance(fs::directory_iterator(directory.path()), {}), 1);  // no temporary
     QBVPNConfiguration::configurationWithData("remote x\n", directory.file("new.ovpn"))->save();
     EXPECT_EQ(fs::status(directory.file("new.ovpn")).permissions(), fs::perms(0600));  // keys
-    QBVPNConfiguration plain;
-    plain.save();  // no path: writes nothing, reports nothing, adds no protocol
-    EXPECT_FALSE(plain.metaCommandExists("protocol"));
+    QBVPNConfiguration().save();  // no path: writes nothing, reports nothing
     struct ProtocolConfiguration : QBVPNConfiguration {
         ProtocolConfiguration() { _protocol = "tcp"; }
     } withProtocol;
