@@ -25,8 +25,7 @@ static void expectTokens(
     for (const auto& [line, tokens] : cases) EXPECT_EQ(tokenizer.parseLine(line), tokens) << line;
 }
 
-// Recognises inline blocks written as "<ca>" ... "</ca>" ("<?>" has no name), and stores command
-// names in lower case.
+// Inline blocks "<ca>" ... "</ca>" ("<?>" has no name); command names stored in lower case.
 struct InlineBlockConfiguration : QBVPNConfiguration {
     InlineBlockConfiguration() { parseMultilineCommands = true; }
     std::string parseCommand(std::string_view command) const override {
