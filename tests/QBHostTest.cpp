@@ -2,18 +2,16 @@
 
 #include "QBHost.h"
 
-namespace {
-
 using AddressList = QBHost::AddressList;
 using Texts = std::vector<std::string>;
 
-AddressList list(std::initializer_list<const char*> texts) {
+static AddressList list(std::initializer_list<const char*> texts) {
     AddressList addresses;
     for (const char* text : texts) addresses.push_back(QBIPAddress::ipAddressWithAddress(text));
     return addresses;
 }
 
-Texts texts(const std::optional<AddressList>& addresses) {
+static Texts texts(const std::optional<AddressList>& addresses) {
     Texts out;
     for (const auto& address : addresses.value_or(AddressList{})) out.push_back(address->address().value_or("?"));
     return out;
@@ -29,8 +27,6 @@ struct FakeResolver {
         };
     }
 };
-
-}  // namespace
 
 TEST(QBHostTest, LiteralsAreKnownWithoutLookupButTheOtherFamilyIsAskedEveryTime) {
     FakeResolver fake;

@@ -12,7 +12,7 @@ using namespace std::string_literals;
 
 static const sockaddr* asSockAddr(const void* address) { return static_cast<const sockaddr*>(address); }
 
-TEST(QBIPAddressTest, TextFormsGiveVersionAndCanonicalText) {
+TEST(QBIPAddressTest, TextFormsGiveVersionCanonicalTextAndReverseLookupName) {
     const std::tuple<std::string, std::int64_t, std::optional<std::string>> cases[] = {
         {"127.94.0.1", 4, "127.94.0.1"}, {"2001:0DB8:0000:0000::0001", 6, "2001:db8::1"},
         {"0xffffff00", 4, "255.255.255.0"},
@@ -24,6 +24,9 @@ TEST(QBIPAddressTest, TextFormsGiveVersionAndCanonicalText) {
         EXPECT_EQ(address.ipVersion(), version) << text;
         EXPECT_EQ(address.address(), canonical) << text;
     }
+    EXPECT_EQ(QBIPAddress("10.1.2.3").arpaAddress(), "3.2.1.10.in-addr.arpa");
+    EXPECT_EQ(QBIPAddress("fedc:ba98:7654:3210:0123:4567:89ab:cdef").arpaAddress(),
+              "f.e.d.c.b.a.9.8.7.6.5.4.3.2.1.0.0.1.2.3.4.5.6.7.8.9.a.b.c.d.e.f.ip6.arpa");
 }
 
 TEST(QBIPAddressTest, HexFormatToDecimalConvertsOnlyEightLowercaseHexDigits) {
@@ -45,12 +48,6 @@ TEST(QBIPAddressTest, SetAddressReplacesOrInvalidates) {
         address.setAddress("10.0.0.1", version);
         EXPECT_EQ(address.ipVersion(), result) << version;
     }
-}
-
-TEST(QBIPAddressTest, ReverseLookupNames) {
-    EXPECT_EQ(QBIPAddress("10.1.2.3").arpaAddress(), "3.2.1.10.in-addr.arpa");
-    EXPECT_EQ(QBIPAddress("fedc:ba98:7654:3210:0123:4567:89ab:cdef").arpaAddress(),
-              "f.e.d.c.b.a.9.8.7.6.5.4.3.2.1.0.0.1.2.3.4.5.6.7.8.9.a.b.c.d.e.f.ip6.arpa");
 }
 
 TEST(QBIPAddressTest, FromSocketAddressKeepsTheWholeStructure) {
@@ -93,7 +90,6 @@ TEST(QBIPAddressTest, EqualityAndHashFollowTheAddressText) {
     EXPECT_TRUE(none.isEqual(&none));
 }
 
-// Rendered lowercase without leading zeros; other text leaves no address until a good one.
 TEST(QBEtherAddressTest, RendersLowercaseAndRefusesOtherTextUntilAGoodOne) {
     EXPECT_EQ(QBEtherAddress().address(), "0:0:0:0:0:0");
     EXPECT_EQ(QBEtherAddress("00:1C:42:0A:0B:FF").address(), "0:1c:42:a:b:ff");

@@ -1,14 +1,9 @@
-// The interface tool's text, read in both dialects: BSD ifconfig and iproute2's ip.
-
 #include "QBInterfaceData.h"
 
 #include <gtest/gtest.h>
 
-namespace {
-
-// The entries rendered as text: "address/prefix", with " peer P" for a point-to-point line; an
-// entry whose network was rejected renders as "none".
-std::string render(const QBIPNetwork& network) {
+// An entry as "address/prefix" (then " peer P" for point-to-point), "none" when rejected.
+static std::string render(const QBIPNetwork& network) {
     return network.address() ? *network.address() + "/" + std::to_string(network.prefix()) : "none";
 }
 
@@ -81,5 +76,3 @@ TEST(QBInterfaceDataLookupTest, FindsAnAddressByItsExactText) {
     EXPECT_TRUE(data.listsIPv4Address("127.94.0.10"));
     EXPECT_FALSE(data.listsIPv4Address("127.94.0.1") || data.listsIPv4Address("999.1.1.1"));
 }
-
-}  // namespace

@@ -7,8 +7,7 @@
 #include "QBRandom.h"
 
 TEST(QBRandomTest, RangesHitEveryValueAndReachBeyondThirtyTwoBits) {
-    for (const auto& [start, stop, only] :
-         {std::tuple{0, 0, 0}, {5, 5, 5}, {5, 4, -1}, {-1, 3, -1}})
+    for (const auto& [start, stop, only] : {std::tuple{0, 0, 0}, {5, 5, 5}, {5, 4, -1}, {-1, 3, -1}})
         EXPECT_EQ(QBRandom::randomInRange(start, stop), only) << start << ".." << stop;
     EXPECT_EQ(QBRandom::randomInRange(-1), -1);
     std::set<std::int64_t> seen;

@@ -1,6 +1,3 @@
-// A signal that the process ignores and blocks still reaches the handler, on a thread other than
-// the one that waits for the start sequence; waitForHandlers waits for a running handler.
-
 #include <gtest/gtest.h>
 #include <unistd.h>
 

@@ -1,6 +1,4 @@
-// QBTCPSocket's connecting with a time-out, over real loopback connections. The daemon uses the
-// class only to listen (the bridge server's tests cover that); its reads, sends and accept loop
-// serve other users of the library.
+// Connecting, for other users of the library: the daemon only listens (see the bridge's tests).
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -8,17 +6,13 @@
 #include "QBTCPSocket.h"
 #include "support/Eventually.h"
 
-namespace {
-
 using namespace std::chrono_literals;
-
-const auto loopback = QBIPAddress::ipAddressWithAddress("127.0.0.1");
 
 TEST(QBTCPSocketConnectTest, GivesUpOnMissingHostsClosedPortsAndSilentListeners) {
     EXPECT_FALSE(QBTCPSocket().connectToHost(std::nullopt, 80, 1));
     EXPECT_FALSE(QBTCPSocket().connectToHost("", 80, 1));
     QBTCPSocket listener;
-    ASSERT_TRUE(listener.listenOnAddress(loopback, 0));
+    ASSERT_TRUE(listener.listenOnAddress(QBIPAddress::ipAddressWithAddress("127.0.0.1"), 0));
     const int port = listener.localPort();
     ::listen(listener.fileDescriptor(), 0);  // one queued connection; later handshakes stall
     EXPECT_TRUE(QBTCPSocket().connectToHost("127.0.0.1", port, 5));
@@ -31,5 +25,3 @@ TEST(QBTCPSocketConnectTest, GivesUpOnMissingHostsClosedPortsAndSilentListeners)
     listener.close();
     EXPECT_FALSE(QBTCPSocket().connectToHost("127.0.0.1", port, 2));
 }
-
-}  // namespace

@@ -15,17 +15,10 @@ TEST(QBTextTest, LeadingIntegerSkipsWhiteSpaceTakesASignAndSaturates) {
         EXPECT_EQ(QBText::scanLeadingInteger(text), value) << text;
 }
 
-TEST(QBTextTest, UTF8IsValidatedAndConvertedByCodeUnits) {
+TEST(QBTextTest, UTF8ValidationAndCharacterClasses) {
     EXPECT_TRUE(QBText::isValidUTF8("plain ascii, b\xc3\xbc" "cher"));
     for (const char* bad : {"12345678\xc3", "\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80"})
         EXPECT_FALSE(QBText::isValidUTF8(bad)) << bad;  // cut short, overlong, surrogate, too big
-    const auto utf16 = QBText::toUTF16("a\xf0\x9f\x98\x80" "b");
-    EXPECT_EQ(utf16, u"a\U0001F600b");
-    EXPECT_EQ(QBText::toUTF8(*utf16), "a\xf0\x9f\x98\x80" "b");
-    EXPECT_EQ(QBText::toUTF16("\xff"), std::nullopt);
-}
-
-TEST(QBTextTest, CharacterClasses) {
     for (char32_t c : {U' ', U'\t', U'\r', U'\u0085', U'\u00a0', U'\u2028', U'\u3000'})
         EXPECT_TRUE(QBText::isWhitespaceOrNewline(c)) << static_cast<unsigned>(c);
     for (char32_t c : {U'a', U'\0', U'\u200b'})

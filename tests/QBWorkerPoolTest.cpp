@@ -1,6 +1,3 @@
-// The worker pool: its thread limit, queueing beyond it, a throwing job, idle threads ending,
-// and a destructor that lets every accepted job finish.
-
 #include <gtest/gtest.h>
 
 #include "QBWorkerPool.h"
@@ -14,14 +11,12 @@ TEST(QBWorkerPoolTest, JobsBeyondTheLimitQueueAndIdleThreadsEnd) {
     {
         QBWorkerPool pool({.maxThreads = 3, .idleExit = 100ms});
         ASSERT_TRUE(pool.submit([] { throw std::runtime_error("a failed job"); }));
-        for (int i = 0; i < 10; ++i) {
-            ASSERT_TRUE(pool.submit([&] {
-                ++inside;
-                while (!open) std::this_thread::sleep_for(1ms);
-                --inside;
-                ++finished;
-            }));
-        }
+        const auto waitForOpen = [&] {
+            ++inside;
+            while (!open) std::this_thread::sleep_for(1ms);
+            --inside, ++finished;
+        };
+        for (int i = 0; i < 10; ++i) ASSERT_TRUE(pool.submit(waitForOpen));
         EXPECT_TRUE(eventually([&] { return inside == 3; }));
         EXPECT_EQ(pool.runningThreads(), 3u);
         open = true;
