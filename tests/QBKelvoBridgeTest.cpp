@@ -51,14 +51,12 @@ TEST_F(QBKelvoBridgeTest, RelaysEachCommandWithItsContentAndTakesTheTypedAnswer)
     json relayToken = relay;
     relayToken["securityToken"] = token256;
     const auto with = [](json content, const std::string& command) { content["command"] = command; return content; };
-    const auto number = [](const char* text) { return json{{"result", json::parse(text)}}; };
-    constexpr auto max = std::numeric_limits<std::int64_t>::max(), min = std::numeric_limits<std::int64_t>::min();
-    struct Row {
-        std::string method;
-        QBKelvoBridge::Arguments arguments;
-        json sent, answer;  // sent: besides "command"
-        Value expected;
+    // The method, its arguments, what the GUI receives besides "command", its answer, the result.
+    using Row = std::tuple<std::string, QBKelvoBridge::Arguments, json, json, Value>;
+    const auto time = [](const char* answer, std::int64_t seconds) {
+        return Row{"connectionTime", {}, {}, {{"result", json::parse(answer)}}, seconds};
     };
+    constexpr auto max = std::numeric_limits<std::int64_t>::max(), min = std::numeric_limits<std::int64_t>::min();
     const std::vector<Row> rows{
         {"authorize", {"vpn.example", 65535, 1, {}}, relay, {{"result", true}}, std::int64_t{1}},
         {"authorize", {"vpn.example", 65535, 1, {}}, relay, {{"result", 7}}, std::int64_t{7}},
@@ -70,11 +68,8 @@ TEST_F(QBKelvoBridgeTest, RelaysEachCommandWithItsContentAndTakesTheTypedAnswer)
         {"resume", {}, {}, {{"result", "x"}}, ""},
         {"state", {}, {}, {{"result", "x"}}, "x"},
         {"state", {}, {}, {{"result", 3}}, "disconnected"},
-        {"connectionTime", {}, {}, number("42"), std::int64_t{42}}, {"connectionTime", {}, {}, number("false"), 0L},
-        {"connectionTime", {}, {}, number("\"5\""), 0L}, {"connectionTime", {}, {}, number("-2.9"), -2L},
-        {"connectionTime", {}, {}, number("18446744073709551615"), max}, {"connectionTime", {}, {}, number("1e300"), max},
-        {"connectionTime", {}, {}, number("99999999999999999999"), max}, {"connectionTime", {}, {}, number("-1e300"), min},
-        {"connectionTime", {}, {}, number("-99999999999999999999"), min},
+        time("42", 42), time("false", 0), time("\"5\"", 0), time("-2.9", -2), time("18446744073709551615", max),
+        time("1e300", max), time("99999999999999999999", max), time("-1e300", min), time("-99999999999999999999", min),
         {"connectionTimeDisplayable", {}, {}, {{"status", "OK"}}, ""},
         {"trafficRates", {}, {}, {{"result", nullptr}}, "0,0"},
         {"trafficTotals", {}, {}, {{"result", "10,20"}}, "10,20"},
@@ -83,16 +78,17 @@ TEST_F(QBKelvoBridgeTest, RelaysEachCommandWithItsContentAndTakesTheTypedAnswer)
     };
     auto gui = std::make_shared<ScriptedDelegate>();  // answers each command with its row's answer
     gui->process = [&rows, gui = gui.get()](const std::string&, const json&) {
-        return rows.at(gui->processed - 1).answer;
+        return std::get<3>(rows.at(gui->processed - 1));
     };
     connectClient(gui);
     auto bridge = makeBridge();
     for (std::size_t i = 0; i < rows.size(); ++i) {
+        const auto& [method, arguments, sent, answer, expected] = rows[i];
         SCOPED_TRACE("row " + std::to_string(i));
-        EXPECT_EQ(run(*bridge, rows[i].method, rows[i].arguments), rows[i].expected);
+        EXPECT_EQ(run(*bridge, method, arguments), expected);
         const auto seen = gui->received.all();
         ASSERT_EQ(seen.size(), i + 1);
-        EXPECT_EQ(seen.back(), std::pair("serviceCmd"s, with(rows[i].sent, rows[i].method)));
+        EXPECT_EQ(seen.back(), std::pair("serviceCmd"s, with(sent, method)));
     }
     EXPECT_EQ(launchAttempts, 0);
 }

@@ -17,12 +17,11 @@ TEST(XMLTagTest, FindsWhatTheLazyPatternFinds) {
     // The reference: the literal pattern "<tag>(.+?)</tag>" in ICU, "." matching line ends.
     const auto lazyPatternContents = [](const std::string& tag, const std::string& text) {
         UErrorCode status = U_ZERO_ERROR;
-        std::unique_ptr<icu::RegexPattern> pattern(icu::RegexPattern::compile(
-            icu::UnicodeString::fromUTF8("<" + tag + ">(.+?)</" + tag + ">"), UREGEX_DOTALL, status));
         const auto input = icu::UnicodeString::fromUTF8(text);
-        std::unique_ptr<icu::RegexMatcher> matcher(pattern->matcher(input, status));
+        icu::RegexMatcher matcher(icu::UnicodeString::fromUTF8("<" + tag + ">(.+?)</" + tag + ">"), input,
+                                  UREGEX_DOTALL, status);
         std::vector<std::string> contents;
-        while (matcher->find(status)) matcher->group(1, status).toUTF8String(contents.emplace_back());
+        while (matcher.find(status)) matcher.group(1, status).toUTF8String(contents.emplace_back());
         return contents;
     };
     // Random texts of pieces that stress the shortest-run rule: tags of the name and of a longer

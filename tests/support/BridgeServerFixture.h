@@ -1,6 +1,6 @@
 #pragma once
 // FakeBridgeCommands records every command call as "name(arg,arg,...)", from any thread, and
-// answers "abc" or 1. RunningBridgeServer serves a QBKelvoXMLRPCServer on 127.0.0.1 and an
+// answers "abc" (or 1 for numbers). RunningBridgeServer serves a QBKelvoXMLRPCServer on 127.0.0.1 and an
 // OS-chosen port on a thread of its own, and shuts it down and joins on destruction.
 
 #include <atomic>
@@ -31,13 +31,9 @@ public:
     }
     // The finishes of count deferred state calls, once that many have started (fewer after 5 s).
     std::vector<Finish> awaitDeferred(std::size_t count) {
-        std::vector<Finish> taken;
-        eventually([&] {
-            std::lock_guard guard(lock);
-            for (auto& finish : std::exchange(deferred, {})) taken.push_back(finish);
-            return taken.size() >= count;
-        });
-        return taken;
+        eventually([&] { std::lock_guard guard(lock); return deferred.size() >= count; });
+        std::lock_guard guard(lock);
+        return std::exchange(deferred, {});
     }
 
     bool answersAtOnce(std::string_view) const override { return atOnce; }
@@ -52,31 +48,27 @@ public:
         return record("state");
     }
     std::string clientVersion() override { return record("clientVersion"); }
-    Number authorizeServer(Text s, Number p, Number w) override { return record("authorize", s, p, w); }
+    Number authorizeServer(Text s, Number p, Number w) override { return record("authorize", s, p, w), 1; }
     std::string connect(Text s, Number p, Number w) override { return record("connect", s, p, w); }
     std::string connect(Text s, Number p, Number w, Text t) override { return record("connectWithToken", s, p, w, t); }
     std::string disconnectWithSecToken(Text token) override { return record("disconnect", token); }
     std::string suspendWithSecToken(Text token) override { return record("suspend", token); }
     std::string resume() override { return record("resume"); }
-    Number connectionTime() override { return record("connectionTime"); }
+    Number connectionTime() override { return record("connectionTime"), 1; }
     std::string connectionTimeDisplayable() override { return record("connectionTimeDisplayable"); }
     std::string trafficRates() override { return record("trafficRates"); }
     std::string trafficTotals() override { return record("trafficTotals"); }
 
 private:
-    struct Answer {
-        operator std::string() const { return "abc"; }
-        operator Number() const { return 1; }
-    };
     template <typename... Args>
-    Answer record(const char* name, const Args&... args) {
+    std::string record(const char* name, const Args&... args) {
         std::ostringstream call;
         [[maybe_unused]] const char* separator = "";
         call << name << '(';
         ((call << separator << args, separator = ","), ...);
         std::lock_guard guard(lock);
         recorded.push_back(call.str() + ")");
-        return {};
+        return "abc";
     }
 
     mutable std::mutex lock;  // guards recorded, deferred; leaf lock
