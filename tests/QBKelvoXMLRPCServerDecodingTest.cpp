@@ -33,10 +33,7 @@ TEST(XMLTagTest, FindsWhatTheLazyPatternFinds) {
         for (int round = 0; round < 3000; ++round) {
             std::string text;
             for (int count = random() % 9; count > 0; --count) text += pieces[random() % pieces.size()];
-            const auto expected = lazyPatternContents(tag, text);
-            EXPECT_EQ(S::getAllXMLTags(tag, text), expected) << text;
-            EXPECT_EQ(S::getXMLTag(tag, text), expected.empty() ? std::nullopt : std::optional(expected.front()))
-                << text;
+            EXPECT_EQ(S::getAllXMLTags(tag, text), lazyPatternContents(tag, text)) << text;
         }
     }
 }
@@ -52,12 +49,6 @@ std::string call(std::string_view name, const std::string& params) {
 TEST(DispatchTest, ParametersAreDecodedAndFallBackWhenTooFew) {
     const auto commands = std::make_shared<FakeBridgeCommands>();
     const auto server = S::serverWithAddress(nullptr, 0, nullptr, commands);
-    // The command call a method call document leads to.
-    const auto callFor = [&](const std::string& document) {
-        const auto decoded = S::decodeMethodCall(document);
-        const bool performed = decoded && server->performXMLMethod(decoded->name, decoded->params);
-        return performed ? commands->calls().back() : "refused";
-    };
     const std::pair<std::string, std::string> cases[] = {
         {call("connect", str("vpn.example") + str("443") + str(" 8080x")), "connect(vpn.example,443,8080)"},
         {call("connect", str("vpn.example") + num("443") + num("8080")), "connect(vpn.example,443,8080)"},
@@ -73,7 +64,11 @@ TEST(DispatchTest, ParametersAreDecodedAndFallBackWhenTooFew) {
         {call("connect", str("h") + num("-99999999999") + str("abc")), "connect(h,-2147483648,0)"},
         {methodCall("clientOS"), "clientOS()"},
     };
-    for (const auto& [document, expected] : cases) EXPECT_EQ(callFor(document), expected) << document;
+    for (const auto& [document, expected] : cases) {
+        const auto decoded = S::decodeMethodCall(document);
+        ASSERT_TRUE(decoded && server->performXMLMethod(decoded->name, decoded->params)) << document;
+        EXPECT_EQ(commands->calls().back(), expected) << document;
+    }
     // Every other method's name leads to its command as well: see the bridge test's table.
     EXPECT_EQ(S::serverWithAddress(nullptr, 0, nullptr)->performXMLMethod("state", {}), std::nullopt);
 }
