@@ -40,10 +40,9 @@ class QBKelvoBridgeTest : public ChannelFixture {
 protected:
     void SetUp() override { ASSERT_TRUE(startServer()); }
     std::shared_ptr<QBKelvoBridge> makeBridge() {  // a call that finds no GUI gives up after ten checks: 200 ms
-        application = std::make_shared<QBKelvoGUIApplication>(server, countingSettings(20ms * sanitizerSlowdown));
-        return std::make_shared<QBKelvoBridge>(server, application);
+        const auto settings = countingSettings(20ms * sanitizerSlowdown);
+        return std::make_shared<QBKelvoBridge>(server, std::make_shared<QBKelvoGUIApplication>(server, settings));
     }
-    std::shared_ptr<QBKelvoGUIApplication> application;
 };
 
 TEST_F(QBKelvoBridgeTest, RelaysEachCommandWithItsContentAndTakesTheTypedAnswer) {
@@ -140,7 +139,7 @@ TEST_F(QBKelvoBridgeTest, ClientOSAndClientVersionWithoutAGUINeverLaunchOrWait) 
     EXPECT_EQ(bridge->clientOS(), "Mac OS " + QBPlatform::operatingSystemVersion());
 
     EXPECT_EQ(bridge->clientVersion(), "0.0.0,0");
-    std::ofstream(application->settings().applicationPath)
+    std::ofstream(countingSettings(1ms).applicationPath)
         << "[Desktop Entry]\nName=Tunnelwright\nX-Kelvo-ShortVersion=4.2.1\nX-Kelvo-BuildVersion=1234\n";
     EXPECT_EQ(bridge->clientVersion(), "4.2.1,1234");
     EXPECT_EQ(launchAttempts, 0);

@@ -272,7 +272,6 @@ TEST_F(BridgeServerTest, WaitingCommandsHoldUpNoOtherConnectionAndShutdownWaitsF
     const auto late = expectedReply(S::methodResponseDocument({"late"s}));
     for (const bool deferred : {false, true}) {
         auto stopping = std::make_unique<RunningBridgeServer>(commands);
-        commands->waiting = 0;
         commands->holdState = !deferred;
         commands->deferState = deferred;
         std::deque<LoopbackClient> waiting;
