@@ -42,7 +42,9 @@ std::string num(const std::string& text, const std::string& type = "int") {
     return "<param><value><" + type + ">" + text + "</" + type + "></value></param>";
 }
 std::string str(const std::string& text) { return num(text, "string"); }
-std::string call(std::string_view name, const std::string& params) { return methodCall(name, "<params>" + params + "</params>"); }
+std::string call(std::string_view name, const std::string& params) {
+    return methodCall(name, "<params>" + params + "</params>");
+}
 
 TEST(DispatchTest, ParametersAreDecodedAndFallBackWhenTooFew) {
     const auto commands = std::make_shared<FakeBridgeCommands>();
