@@ -1,7 +1,7 @@
 #pragma once
 // FakeBridgeCommands records every command call as "name(arg,arg,...)", from any thread, and
-// answers "abc" (or 1 for numbers). RunningBridgeServer serves a QBKelvoXMLRPCServer on 127.0.0.1 and an
-// OS-chosen port on a thread of its own, and shuts it down and joins on destruction.
+// answers "abc" (1 for numbers). RunningBridgeServer serves a QBKelvoXMLRPCServer on 127.0.0.1
+// and an OS-chosen port on a thread of its own, and shuts it down and joins on destruction.
 
 #include <atomic>
 #include <mutex>
