@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <functional>
 #include <future>
 #include <limits>
 #include <tuple>
@@ -20,67 +19,53 @@
 using json = nlohmann::json;
 using Value = QBKelvoXMLRPCServer::Value;
 using namespace std::chrono_literals;
+using namespace std::string_literals;
 
 namespace {
 
 // 128 times one character of two UTF-16 code units: a token of 256 units, the most allowed.
-const std::string token256 = [] {
-    std::string text;
-    for (int i = 0; i < 128; ++i) text += "\xF0\x9F\x98\x80";
-    return text;
-}();
-
-}  // namespace
-
-class QBKelvoBridgeTest : public ChannelFixture {
-protected:
-    void SetUp() override { ASSERT_TRUE(startServer()); }
-
-    std::shared_ptr<QBKelvoBridge> makeBridge() {  // a call that finds no GUI gives up after ten checks: 200 ms
-        application = std::make_shared<QBKelvoGUIApplication>(server, countingSettings(20ms * sanitizerSlowdown));
-        return std::make_shared<QBKelvoBridge>(server, application);
-    }
-
-    std::shared_ptr<QBKelvoGUIApplication> application;
-};
+const std::string token256 = [] { std::string t; while (t.size() < 512) t += "\xF0\x9F\x98\x80"; return t; }();
 
 // Runs the method's typed operation, the way the front end reaches it.
 Value run(QBKelvoBridge& bridge, std::string_view method, const QBKelvoBridge::Arguments& a = {}) {
     return QBKelvoBridgeCommands::methodNamed(method)->call(bridge, a);
 }
 
+}  // namespace
+
+class QBKelvoBridgeTest : public ChannelFixture {
+protected:
+    void SetUp() override { ASSERT_TRUE(startServer()); }
+    std::shared_ptr<QBKelvoBridge> makeBridge() {  // a call that finds no GUI gives up after ten checks: 200 ms
+        const auto settings = countingSettings(20ms * sanitizerSlowdown);
+        return std::make_shared<QBKelvoBridge>(server, std::make_shared<QBKelvoGUIApplication>(server, settings));
+    }
+};
+
 TEST_F(QBKelvoBridgeTest, RelaysEachCommandWithItsContentAndTakesTheTypedAnswer) {
-    const std::string token257(257, 't');
     const json relay{{"server", "vpn.example"}, {"port", 65535}, {"webPort", 1}};
     json relayToken = relay;
     relayToken["securityToken"] = token256;
     const auto with = [](json content, const std::string& command) { content["command"] = command; return content; };
-    const auto huge = [](const char* number) { return json{{"result", json::parse(number)}}; };
-    constexpr auto max = std::numeric_limits<std::int64_t>::max(), min = std::numeric_limits<std::int64_t>::min();
-    struct Row {
-        std::string method;
-        QBKelvoBridge::Arguments arguments;
-        json sent, answer;  // sent: besides "command"
-        Value expected;
+    // The method, its arguments, what the GUI receives besides "command", its answer, the result.
+    using Row = std::tuple<std::string, QBKelvoBridge::Arguments, json, json, Value>;
+    const auto time = [](const char* answer, std::int64_t seconds) {
+        return Row{"connectionTime", {}, {}, {{"result", json::parse(answer)}}, seconds};
     };
+    constexpr auto max = std::numeric_limits<std::int64_t>::max(), min = std::numeric_limits<std::int64_t>::min();
     const std::vector<Row> rows{
         {"authorize", {"vpn.example", 65535, 1, {}}, relay, {{"result", true}}, std::int64_t{1}},
         {"authorize", {"vpn.example", 65535, 1, {}}, relay, {{"result", 7}}, std::int64_t{7}},
         {"connect", {"vpn.example", 65535, 1, {}}, relay, {{"result", "connecting"}}, "connecting"},
         {"connectWithToken", {"vpn.example", 65535, 1, token256}, relayToken, {{"result", "ok"}}, "ok"},
-        {"disconnect", {{}, 0, 0, token257}, {{"securityToken", ""}}, {{"result", "x"}}, ""},
+        {"disconnect", {{}, 0, 0, std::string(257, 't')}, {{"securityToken", ""}}, {{"result", "x"}}, ""},
         {"disconnect", {{}, 0, 0, token256}, {{"securityToken", token256}}, {{"result", "x"}}, ""},
         {"suspend", {{}, 0, 0, "tok"}, {{"securityToken", "tok"}}, {{"result", "x"}}, ""},
         {"resume", {}, {}, {{"result", "x"}}, ""},
         {"state", {}, {}, {{"result", "x"}}, "x"},
         {"state", {}, {}, {{"result", 3}}, "disconnected"},
-        {"connectionTime", {}, {}, {{"result", 42}}, std::int64_t{42}},
-        {"connectionTime", {}, {}, {{"result", false}}, std::int64_t{0}},
-        {"connectionTime", {}, {}, {{"result", "5"}}, std::int64_t{0}},
-        {"connectionTime", {}, {}, {{"result", -2.9}}, std::int64_t{-2}},
-        {"connectionTime", {}, {}, huge("18446744073709551615"), max}, {"connectionTime", {}, {}, huge("1e300"), max},
-        {"connectionTime", {}, {}, huge("99999999999999999999"), max}, {"connectionTime", {}, {}, huge("-1e300"), min},
-        {"connectionTime", {}, {}, huge("-99999999999999999999"), min},
+        time("42", 42), time("false", 0), time("\"5\"", 0), time("-2.9", -2), time("18446744073709551615", max),
+        time("1e300", max), time("99999999999999999999", max), time("-1e300", min), time("-99999999999999999999", min),
         {"connectionTimeDisplayable", {}, {}, {{"status", "OK"}}, ""},
         {"trafficRates", {}, {}, {{"result", nullptr}}, "0,0"},
         {"trafficTotals", {}, {}, {{"result", "10,20"}}, "10,20"},
@@ -89,16 +74,17 @@ TEST_F(QBKelvoBridgeTest, RelaysEachCommandWithItsContentAndTakesTheTypedAnswer)
     };
     auto gui = std::make_shared<ScriptedDelegate>();  // answers each command with its row's answer
     gui->process = [&rows, gui = gui.get()](const std::string&, const json&) {
-        return rows.at(gui->processed - 1).answer;
+        return std::get<3>(rows.at(gui->processed - 1));
     };
     connectClient(gui);
     auto bridge = makeBridge();
     for (std::size_t i = 0; i < rows.size(); ++i) {
-        EXPECT_EQ(run(*bridge, rows[i].method, rows[i].arguments), rows[i].expected) << "row " << i;
+        const auto& [method, arguments, sent, answer, expected] = rows[i];
+        SCOPED_TRACE("row " + std::to_string(i));
+        EXPECT_EQ(run(*bridge, method, arguments), expected);
         const auto seen = gui->received.all();
-        ASSERT_EQ(seen.size(), i + 1) << "row " << i;
-        EXPECT_EQ(seen.back().first, "serviceCmd") << "row " << i;
-        EXPECT_EQ(seen.back().second, with(rows[i].sent, rows[i].method)) << "row " << i;
+        ASSERT_EQ(seen.size(), i + 1);
+        EXPECT_EQ(seen.back(), std::pair("serviceCmd"s, with(sent, method)));
     }
     EXPECT_EQ(launchAttempts, 0);
 }
@@ -150,9 +136,8 @@ TEST_F(QBKelvoBridgeTest, ClientOSAndClientVersionWithoutAGUINeverLaunchOrWait) 
     EXPECT_EQ(bridge->clientOS(), "Mac OS " + QBPlatform::operatingSystemVersion());
 
     EXPECT_EQ(bridge->clientVersion(), "0.0.0,0");
-    std::ofstream(application->settings().applicationPath)
-        << "[Desktop Entry]\nName=Tunnelwright\nX-Kelvo-ShortVersion=4.2.1\n"
-           "X-Kelvo-BuildVersion=1234\n";
+    std::ofstream(countingSettings(1ms).applicationPath)
+        << "[Desktop Entry]\nName=Tunnelwright\nX-Kelvo-ShortVersion=4.2.1\nX-Kelvo-BuildVersion=1234\n";
     EXPECT_EQ(bridge->clientVersion(), "4.2.1,1234");
     EXPECT_EQ(launchAttempts, 0);
 }

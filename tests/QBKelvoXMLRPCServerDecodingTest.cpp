@@ -17,12 +17,11 @@ TEST(XMLTagTest, FindsWhatTheLazyPatternFinds) {
     // The reference: the literal pattern "<tag>(.+?)</tag>" in ICU, "." matching line ends.
     const auto lazyPatternContents = [](const std::string& tag, const std::string& text) {
         UErrorCode status = U_ZERO_ERROR;
-        std::unique_ptr<icu::RegexPattern> pattern(icu::RegexPattern::compile(
-            icu::UnicodeString::fromUTF8("<" + tag + ">(.+?)</" + tag + ">"), UREGEX_DOTALL, status));
         const auto input = icu::UnicodeString::fromUTF8(text);
-        std::unique_ptr<icu::RegexMatcher> matcher(pattern->matcher(input, status));
+        icu::RegexMatcher matcher(icu::UnicodeString::fromUTF8("<" + tag + ">(.+?)</" + tag + ">"), input,
+                                  UREGEX_DOTALL, status);
         std::vector<std::string> contents;
-        while (matcher->find(status)) matcher->group(1, status).toUTF8String(contents.emplace_back());
+        while (matcher.find(status)) matcher.group(1, status).toUTF8String(contents.emplace_back());
         return contents;
     };
     // Random texts of pieces that stress the shortest-run rule: tags of the name and of a longer
@@ -34,10 +33,7 @@ TEST(XMLTagTest, FindsWhatTheLazyPatternFinds) {
         for (int round = 0; round < 3000; ++round) {
             std::string text;
             for (int count = random() % 9; count > 0; --count) text += pieces[random() % pieces.size()];
-            const auto expected = lazyPatternContents(tag, text);
-            EXPECT_EQ(S::getAllXMLTags(tag, text), expected) << text;
-            EXPECT_EQ(S::getXMLTag(tag, text), expected.empty() ? std::nullopt : std::optional(expected.front()))
-                << text;
+            EXPECT_EQ(S::getAllXMLTags(tag, text), lazyPatternContents(tag, text)) << text;
         }
     }
 }
@@ -53,12 +49,6 @@ std::string call(std::string_view name, const std::string& params) {
 TEST(DispatchTest, ParametersAreDecodedAndFallBackWhenTooFew) {
     const auto commands = std::make_shared<FakeBridgeCommands>();
     const auto server = S::serverWithAddress(nullptr, 0, nullptr, commands);
-    // The command call a method call document leads to.
-    const auto callFor = [&](const std::string& document) {
-        const auto decoded = S::decodeMethodCall(document);
-        const bool performed = decoded && server->performXMLMethod(decoded->name, decoded->params);
-        return performed ? commands->calls().back() : "refused";
-    };
     const std::pair<std::string, std::string> cases[] = {
         {call("connect", str("vpn.example") + str("443") + str(" 8080x")), "connect(vpn.example,443,8080)"},
         {call("connect", str("vpn.example") + num("443") + num("8080")), "connect(vpn.example,443,8080)"},
@@ -74,7 +64,11 @@ TEST(DispatchTest, ParametersAreDecodedAndFallBackWhenTooFew) {
         {call("connect", str("h") + num("-99999999999") + str("abc")), "connect(h,-2147483648,0)"},
         {methodCall("clientOS"), "clientOS()"},
     };
-    for (const auto& [document, expected] : cases) EXPECT_EQ(callFor(document), expected) << document;
+    for (const auto& [document, expected] : cases) {
+        const auto decoded = S::decodeMethodCall(document);
+        ASSERT_TRUE(decoded && server->performXMLMethod(decoded->name, decoded->params)) << document;
+        EXPECT_EQ(commands->calls().back(), expected) << document;
+    }
     // Every other method's name leads to its command as well: see the bridge test's table.
     EXPECT_EQ(S::serverWithAddress(nullptr, 0, nullptr)->performXMLMethod("state", {}), std::nullopt);
 }
@@ -94,8 +88,6 @@ TEST(MethodResponseTest, DocumentsHaveExactBytes) {
     };
     for (const auto& [value, document] : cases) EXPECT_EQ(S::methodResponseDocument({value}), document);
     EXPECT_EQ(S::methodResponseDocument({}), head + tail);
-    // The reply's length counts bytes, not characters.
-    EXPECT_NE(S::httpReply(200, {}, "\xc3\xa9").find("\r\nContent-Length: 2\r\n"), std::string::npos);
 }
 
 TEST(RequestHeadTest, LinesAndHeadersAreSplitAsSent) {

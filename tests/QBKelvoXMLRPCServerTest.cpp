@@ -8,11 +8,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <set>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <future>
 #include <numeric>
+#include <set>
 
 #include "support/BridgeServerFixture.h"
 #include "support/LogCapture.h"
@@ -72,7 +73,7 @@ bool answers(int port, const std::string& request, std::chrono::milliseconds wit
 
 class BridgeServerTest : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_NE(running.port(), 0); }
+    void SetUp() override { ASSERT_NE(running.port, 0); }
     void TearDown() override { commands->holdState = false; }
 
     LogCapture log;
@@ -88,7 +89,7 @@ TEST_F(BridgeServerTest, RequestsWrittenBackToBackAreAnsweredInOrderByteForByte)
     for (int i = 0; i < 20000; ++i) requests += preflight;
     for (const bool atOnce : {false, true}) {  // commands on a pool thread, or on the loop thread
         commands->atOnce = atOnce;
-        LoopbackClient client(running.port());
+        LoopbackClient client(running.port);
         std::thread sender([&] { client.send(requests); });
         std::this_thread::sleep_for(100ms);
         for (const auto* expected : {&preflightReply, &stringReply, &preflightReply, &intReply}) {
@@ -108,6 +109,7 @@ TEST_F(BridgeServerTest, RequestsWrittenBackToBackAreAnsweredInOrderByteForByte)
 TEST_F(BridgeServerTest, RefusedRequestsAndFailedCommandsCloseWithoutAnyReply) {
     const auto call = methodCall("state");
     const auto headEnd = statePost.find("\r\n\r\n") + 4;
+    const auto largest = xmlRpcPost(paddedCall(S::maxBodyLength));
     commands->failing = true;
     const std::vector<std::vector<std::string>> refused{
         {replaced(statePost, "POST", "post")},
@@ -128,7 +130,7 @@ TEST_F(BridgeServerTest, RefusedRequestsAndFailedCommandsCloseWithoutAnyReply) {
         {xmlRpcPost(replaced(call, "methodName", "name"))}, {xmlRpcPost(replaced(call, "methodCall", "call"))},
         {xmlRpcPost(methodCall("clientOS"))}, {xmlRpcPost(methodCall("clientOS"))},  // throws; on either thread
     }, accepted{
-        {xmlRpcPost(paddedCall(S::maxBodyLength))},
+        {largest.substr(0, 60000), largest.substr(60000)},
         {statePostWithHeaderBlock(S::maxHeaderBlockLength)},
         {statePost.substr(0, headEnd), statePost.substr(headEnd, 10), statePost.substr(headEnd + 10)},
         {"POST /vpn HTTP/1.1\r\nHost: 127.0.0.1:986\r\nno colon line\r\nContent-Length: 1\r\n\tContent-Length\t:  " +
@@ -137,15 +139,12 @@ TEST_F(BridgeServerTest, RefusedRequestsAndFailedCommandsCloseWithoutAnyReply) {
     for (const auto* cases : {&refused, &accepted}) {
         for (const auto& pieces : *cases) {
             commands->atOnce = !commands->atOnce;  // alternates
-            LoopbackClient client(running.port());
+            LoopbackClient client(running.port);
             ASSERT_TRUE(client.connected());
-            for (const auto& piece : pieces) {  // large ones in two parts, with a pause between
+            for (const auto& piece : pieces) {  // with a pause before each further piece
                 if (&piece != &pieces.front()) std::this_thread::sleep_for(200ms);
-                const auto split = std::min<std::size_t>(piece.size(), 60000);
-                const bool sent = client.send(piece.substr(0, split));
-                if (split < piece.size()) std::this_thread::sleep_for(100ms);
                 // A refused send may fail part-way when the server stops reading.
-                ASSERT_TRUE((client.send(piece.substr(split)) && sent) || cases == &refused);
+                ASSERT_TRUE(client.send(piece) || cases == &refused);
             }
             EXPECT_TRUE(cases == &refused ? client.closedWithoutReply() : answered(client)) << pieces[0].substr(0, 100);
         }
@@ -156,18 +155,17 @@ TEST_F(BridgeServerTest, RefusedRequestsAndFailedCommandsCloseWithoutAnyReply) {
 TEST(BridgeServerConnectionLimitTest, NewConnectionReplacesTheLongestWaitingOne) {
     RunningBridgeServer running(std::make_shared<FakeBridgeCommands>(),
                                 {.serving = {.loopThreads = 1, .maxConnections = 4}});
-    std::vector<std::unique_ptr<LoopbackClient>> stalled;
+    std::deque<LoopbackClient> stalled;
     for (int i = 0; i < 4; ++i) {
-        stalled.push_back(std::make_unique<LoopbackClient>(running.port()));
-        ASSERT_TRUE(stalled.back()->send("OPTIONS /vpn HTTP/1.1\r\n"));
+        ASSERT_TRUE(stalled.emplace_back(running.port).send("OPTIONS /vpn HTTP/1.1\r\n"));
         // A distinct last activity for each: the loop has taken this one in, and its clock moves
         // on well before the next one arrives, however slowly the loop thread is scheduled.
         ASSERT_TRUE(eventually([&] { return running.server->connectionCount() == stalled.size(); }));
         std::this_thread::sleep_for(20ms * sanitizerSlowdown);
     }
-    EXPECT_TRUE(answers(running.port(), statePost));
-    EXPECT_TRUE(stalled[0]->closedWithoutReply(1s * sanitizerSlowdown));
-    for (int i = 1; i < 4; ++i) EXPECT_FALSE(stalled[i]->closedWithoutReply(50ms)) << i;
+    EXPECT_TRUE(answers(running.port, statePost));
+    EXPECT_TRUE(stalled[0].closedWithoutReply(1s * sanitizerSlowdown));
+    for (int i = 1; i < 4; ++i) EXPECT_FALSE(stalled[i].closedWithoutReply(50ms)) << i;
     EXPECT_TRUE(eventually([&] { return running.server->connectionCount() == 3; }));
 }
 
@@ -182,55 +180,30 @@ TEST(BridgeServerConnectionLimitTest, TheBoundHoldsForAllLoopsTogetherAndStalled
     if (::setrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur < 2 * bound + 512) {
         GTEST_SKIP() << "descriptor limit too low";
     }
-    const auto residentKiB = [] {
-        std::ifstream status("/proc/self/status");
-        std::string line;
-        while (std::getline(status, line) && !line.starts_with("VmRSS:")) {}
-        return std::stol(line.substr(6));
+    const auto residentKiB = [] {  // the second figure: resident pages
+        long pages = 0;
+        std::ifstream("/proc/self/statm") >> pages >> pages;
+        return pages * ::sysconf(_SC_PAGESIZE) / 1024;
     };
     LogCapture log;
     RunningBridgeServer running(std::make_shared<FakeBridgeCommands>(), {.serving = {.loopThreads = 4}});
-    ASSERT_TRUE(answers(running.port(), statePost));
+    ASSERT_TRUE(answers(running.port, statePost));
     const long residentBefore = residentKiB();
-    std::vector<std::unique_ptr<LoopbackClient>> idle;
-    while (idle.size() < bound && idle.emplace_back(std::make_unique<LoopbackClient>(running.port()))->connected()) {
-        if (idle.size() % 2 == 0) idle.back()->send("POST /vpn HTTP/1.1\r\nHost: 127.0.0.1:986\r\nContent-Le");
+    std::deque<LoopbackClient> idle;
+    while (idle.size() < bound && idle.emplace_back(running.port).connected()) {
+        if (idle.size() % 2 == 0) idle.back().send("POST /vpn HTTP/1.1\r\nHost: 127.0.0.1:986\r\nContent-Le");
     }
     ASSERT_EQ(idle.size(), bound);
     ASSERT_TRUE(eventually([&] { return running.server->connectionCount() == bound; }));
     const long growth = residentKiB() - residentBefore;
     std::printf("resident memory grew by %ld KiB with %zu stalled connections\n", growth, bound);
     EXPECT_TRUE(sanitizerSlowdown > 1 || growth < 16 * 1024) << growth;
-    const auto closedByServer = [&] {
-        return std::count_if(idle.begin(), idle.end(), [](const auto& c) { return c->peerClosed(); });
-    };
+    const auto closedByServer = [&] { return std::ranges::count_if(idle, &LoopbackClient::peerClosed); };
     EXPECT_EQ(closedByServer(), 0);
     // One more is served, in place of a connection that waited longest in the loop it came to.
-    EXPECT_TRUE(answers(running.port(), statePost, 30s));  // generous for sanitizer builds
+    EXPECT_TRUE(answers(running.port, statePost, 30s));  // generous for sanitizer builds
     EXPECT_TRUE(eventually([&] { return closedByServer() == 1; }));
     EXPECT_EQ(log.count("Client connected"), static_cast<int>(bound) + 2);
-}
-
-TEST(BridgeServerFaultTest, AFailingEventLoopIsLoggedAndStopsItsServer) {
-    LogCapture log;
-    RunningBridgeServer running(std::make_shared<FakeBridgeCommands>(), {.serving = {.loopThreads = 1}});
-    ASSERT_TRUE(answers(running.port(), preflight));
-    std::vector<int> epollSets;  // exactly one: the event loop's
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        std::error_code error;
-        if (std::filesystem::read_symlink(entry.path(), error).string() == "anon_inode:[eventpoll]") {
-            epollSets.push_back(std::stoi(entry.path().filename().string()));
-        }
-    }
-    ASSERT_EQ(epollSets.size(), 1u);
-    // Put a descriptor that is no epoll set in its place: the loop's next wait fails. An idle
-    // loop waits without a bound, so a new connection ends the wait in progress.
-    const int notAnEpollSet = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    ::dup2(notAnEpollSet, epollSets[0]);
-    ::close(notAnEpollSet);
-    LoopbackClient poke(running.port());
-    EXPECT_TRUE(eventually([&] { return log.count("Event loop failed, server stopped: Invalid argument") == 1; }));
-    EXPECT_TRUE(eventually([&] { return !LoopbackClient(running.port()).connected(); }));
 }
 
 // Fills this process's descriptor table, under a lowered limit, but for one descriptor (for the
@@ -238,12 +211,7 @@ TEST(BridgeServerFaultTest, AFailingEventLoopIsLoggedAndStopsItsServer) {
 struct FullDescriptorTable {
     FullDescriptorTable() {
         ::getrlimit(RLIMIT_NOFILE, &saved);
-        rlimit lowered = saved;
-        rlim_t highest = 0;
-        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-            highest = std::max<rlim_t>(highest, std::stoul(entry.path().filename().string()));
-        }
-        lowered.rlim_cur = std::min<rlim_t>(saved.rlim_cur, highest + 64);
+        const rlimit lowered{std::min<rlim_t>(saved.rlim_cur, 1024), saved.rlim_max};
         ::setrlimit(RLIMIT_NOFILE, &lowered);
         for (int filler; (filler = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) fillers.push_back(filler);
         ::close(fillers.back()), fillers.pop_back();
@@ -257,45 +225,62 @@ struct FullDescriptorTable {
     std::vector<int> fillers;
 };
 
-TEST(BridgeServerFaultTest, RunningOutOfDescriptorsIsSurvived) {
+TEST(BridgeServerFaultTest, RunningOutOfDescriptorsIsSurvivedAndAFailingEventLoopStopsItsServer) {
+    LogCapture log;
     RunningBridgeServer running(std::make_shared<FakeBridgeCommands>(), {.serving = {.loopThreads = 1}});
     {
         // Answered before the table is full: UBSan checks a dynamic type once, with a pipe.
-        LoopbackClient idle(running.port());
+        LoopbackClient idle(running.port);
         ASSERT_TRUE(idle.send(statePost) && answered(idle));
         ASSERT_TRUE(eventually([&] { return running.server->connectionCount() == 1; }));
         FullDescriptorTable full;  // the server has none left for its end
-        LoopbackClient newcomer(running.port());
+        LoopbackClient newcomer(running.port);
         EXPECT_TRUE(idle.closedWithoutReply());  // closed to make room
         ASSERT_TRUE(newcomer.send(statePost));
         EXPECT_TRUE(answered(newcomer)) << "the newcomer took the place it was given";
     }
-    EXPECT_TRUE(answers(running.port(), statePost));
+    EXPECT_TRUE(answers(running.port, statePost));
     ASSERT_TRUE(eventually([&] { return running.server->connectionCount() == 0; }));
-    FullDescriptorTable full;  // and no connection to give up: accepting pauses
-    LoopbackClient waiting(running.port());
-    ASSERT_TRUE(waiting.send(statePost));
-    EXPECT_FALSE(waiting.readResponse(300ms));
-    full.freeAll();
-    EXPECT_TRUE(answered(waiting));
+    {
+        FullDescriptorTable full;  // and no connection to give up: accepting pauses
+        LoopbackClient waiting(running.port);
+        ASSERT_TRUE(waiting.send(statePost));
+        EXPECT_FALSE(waiting.readResponse(300ms));
+        full.freeAll();
+        EXPECT_TRUE(answered(waiting));
+    }
+    std::vector<int> epollSets;  // exactly one: the event loop's
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code error;  // the iterator's own descriptor is gone by now
+        if (read_symlink(entry.path(), error) == "anon_inode:[eventpoll]") {
+            epollSets.push_back(std::stoi(entry.path().filename()));
+        }
+    }
+    ASSERT_EQ(epollSets.size(), 1u);
+    // Put a descriptor that is no epoll set in its place: the loop's next wait fails. An idle
+    // loop waits without a bound, so a new connection ends the wait in progress.
+    const int notAnEpollSet = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ::dup2(notAnEpollSet, epollSets[0]);
+    ::close(notAnEpollSet);
+    LoopbackClient poke(running.port);
+    EXPECT_TRUE(eventually([&] { return log.count("Event loop failed, server stopped: Invalid argument") == 1; }));
+    EXPECT_TRUE(eventually([&] { return !LoopbackClient(running.port).connected(); }));
 }
 
 // Commands that wait, on a pool thread (held) or started without a thread (deferred).
 TEST_F(BridgeServerTest, WaitingCommandsHoldUpNoOtherConnectionAndShutdownWaitsForThem) {
-    const auto late = expectedReply(S::methodResponseDocument({std::string("late")}));
+    const auto late = expectedReply(S::methodResponseDocument({"late"s}));
     for (const bool deferred : {false, true}) {
         auto stopping = std::make_unique<RunningBridgeServer>(commands);
-        commands->waiting = 0;
         commands->holdState = !deferred;
         commands->deferState = deferred;
-        std::vector<std::unique_ptr<LoopbackClient>> waiting;
+        std::deque<LoopbackClient> waiting;
         for (int i = 0; i < 8; ++i) {
-            waiting.push_back(std::make_unique<LoopbackClient>(i < 4 ? running.port() : stopping->port()));
-            ASSERT_TRUE(waiting.back()->send(statePost));
+            ASSERT_TRUE(waiting.emplace_back(i < 4 ? running.port : stopping->port).send(statePost));
         }
         const auto finishes = deferred ? commands->awaitDeferred(8) : std::vector<FakeBridgeCommands::Finish>();
         ASSERT_TRUE(deferred ? finishes.size() == 8 : eventually([&] { return commands->waiting == 8; }));
-        LoopbackClient other(running.port());
+        LoopbackClient other(running.port);
         ASSERT_TRUE(other.send(preflight + xmlRpcPost(methodCall("clientOS"))));
         EXPECT_TRUE(other.readResponse(2s * sanitizerSlowdown) && other.readResponse(2s * sanitizerSlowdown));
         auto stopped = std::async(std::launch::async, [&] { stopping.reset(); });
@@ -307,7 +292,7 @@ TEST_F(BridgeServerTest, WaitingCommandsHoldUpNoOtherConnectionAndShutdownWaitsF
         stopped.get();
         // Answers come when the commands finish, except on the server shut down meanwhile.
         for (int i = 0; i < 8; ++i) {
-            EXPECT_TRUE(i < 4 ? answered(*waiting[i], deferred ? late : stringReply) : waiting[i]->closedWithoutReply())
+            EXPECT_TRUE(i < 4 ? answered(waiting[i], deferred ? late : stringReply) : waiting[i].closedWithoutReply())
                 << deferred << i;
         }
     }
@@ -326,16 +311,14 @@ TEST(BridgeServerDeferredTest, ConnectionsGoOnAfterRepliesFinishedElsewhere) {
         return finishes.size() == count;
     };
     const auto reply = [](const std::string& result) { return expectedReply(S::methodResponseDocument({result})); };
-    LoopbackClient quiet(running.port()), early(running.port()), pipelined(running.port());
-    ASSERT_TRUE(quiet.send(statePost));
-    ASSERT_TRUE(finishAll("first"));
-    EXPECT_TRUE(answered(quiet, reply("first")));
-    ASSERT_TRUE(quiet.send(statePost));  // the same connection, served again
-    ASSERT_TRUE(finishAll("second"));
-    EXPECT_TRUE(answered(quiet, reply("second")));
+    LoopbackClient quiet(running.port), early(running.port), pipelined(running.port);
+    // The same connection served twice; a reply's length counts bytes, not characters.
+    for (const std::string result : {"f\xc3\xafrst", "second"}) {
+        ASSERT_TRUE(quiet.send(statePost) && finishAll(result));
+        EXPECT_TRUE(answered(quiet, reply(result)));
+    }
     // The next request arrives before the reply, or together with the first one.
-    ASSERT_TRUE(early.send(statePost));
-    ASSERT_TRUE(pipelined.send(statePost + preflight));
+    ASSERT_TRUE(early.send(statePost) && pipelined.send(statePost + preflight));
     std::this_thread::sleep_for(50ms);
     ASSERT_TRUE(early.send(preflight));
     std::this_thread::sleep_for(50ms);
@@ -355,23 +338,17 @@ TEST(BridgeServerTimeoutTest, StalledConnectionsAreClosedUnanswered) {
                                 {.idleTimeout = 3 * unit, .headerBlockTimeout = 15 * unit, .bodyTimeout = 3 * unit});
     const std::string stalls[] = {"", preflight, statePost.substr(0, statePost.size() - 1),
                                   "OPTIONS /vpn HTTP/1.1\n\n"};
-    std::vector<std::unique_ptr<LoopbackClient>> stalled;
-    for (const auto& bytes : stalls) {
-        stalled.push_back(std::make_unique<LoopbackClient>(running.port()));
-        ASSERT_TRUE(stalled.back()->send(bytes));
-    }
+    std::deque<LoopbackClient> stalled;
+    for (const auto& bytes : stalls) ASSERT_TRUE(stalled.emplace_back(running.port).send(bytes));
     // Silent before or after a request, or short of a body: closed well before the header limit.
-    ASSERT_TRUE(stalled[1]->readResponse());
-    for (int i = 0; i < 3; ++i) EXPECT_TRUE(stalled[i]->closedWithoutReply(10 * unit)) << i;
-    EXPECT_TRUE(stalled[3]->closedWithoutReply(30 * unit));  // bare line feeds end no header block
-    LoopbackClient trickling(running.port());
+    ASSERT_TRUE(stalled[1].readResponse());
+    for (int i = 0; i < 3; ++i) EXPECT_TRUE(stalled[i].closedWithoutReply(10 * unit)) << i;
+    EXPECT_TRUE(stalled[3].closedWithoutReply(30 * unit));  // bare line feeds end no header block
+    LoopbackClient trickling(running.port);
     ASSERT_TRUE(trickling.send("POST /vpn HTTP/1.1\r\n"));
-    bool cutOff = false;
-    for (int i = 0; i < 30 && !cutOff; ++i) {  // a header line every unit, never the end
-        trickling.send("X-Slow: y\r\n");
-        cutOff = trickling.closedWithoutReply(unit);
-    }
-    EXPECT_TRUE(cutOff);
+    int lines = 0;  // a header line every unit, never the end
+    while (lines < 30 && trickling.send("X-Slow: y\r\n") && !trickling.closedWithoutReply(unit)) ++lines;
+    EXPECT_LT(lines, 30);
 }
 
 }  // namespace

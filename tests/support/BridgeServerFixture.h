@@ -1,10 +1,7 @@
 #pragma once
-// Test doubles around the bridge server:
-//  - FakeBridgeCommands records every command call as "name(arg,arg,...)" and answers "abc"
-//    (string results) or 1 (numbers); calls may come from several threads at once. Switches
-//    make it run commands on the loop thread, defer or hold state calls, or fail clientOS.
-//  - RunningBridgeServer serves a QBKelvoXMLRPCServer on 127.0.0.1 and an OS-chosen port on a
-//    thread of its own, waits until it listens, and shuts it down and joins on destruction.
+// FakeBridgeCommands records every command call as "name(arg,arg,...)", from any thread, and
+// answers "abc" (1 for numbers). RunningBridgeServer serves a QBKelvoXMLRPCServer on 127.0.0.1
+// and an OS-chosen port on a thread of its own, and shuts it down and joins on destruction.
 
 #include <atomic>
 #include <mutex>
@@ -34,57 +31,44 @@ public:
     }
     // The finishes of count deferred state calls, once that many have started (fewer after 5 s).
     std::vector<Finish> awaitDeferred(std::size_t count) {
-        std::vector<Finish> taken;
-        eventually([&] {
-            std::lock_guard guard(lock);
-            for (auto& finish : std::exchange(deferred, {})) taken.push_back(finish);
-            return taken.size() >= count;
-        });
-        return taken;
+        eventually([&] { std::lock_guard guard(lock); return deferred.size() >= count; });
+        std::lock_guard guard(lock);
+        return std::exchange(deferred, {});
     }
 
     bool answersAtOnce(std::string_view) const override { return atOnce; }
     bool startCommand(std::string_view method, const Arguments&, const Finish& finish) override {
-        if (!deferState || method != "state") return false;
         std::lock_guard guard(lock);
-        deferred.push_back(finish);
-        return true;
+        if (deferState && method == "state") deferred.push_back(finish);
+        return deferState && method == "state";
     }
-    std::string clientOS() override {
-        if (failing) throw std::runtime_error("command failed");
-        return record("clientOS");
-    }
+    std::string clientOS() override { return failing ? throw std::runtime_error("failed") : record("clientOS"); }
     std::string state() override {
-        if (holdState) ++waiting;
-        while (holdState) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        for (waiting += holdState; holdState;) std::this_thread::sleep_for(std::chrono::milliseconds(1));
         return record("state");
     }
     std::string clientVersion() override { return record("clientVersion"); }
-    Number authorizeServer(Text s, Number p, Number w) override { return record("authorize", s, p, w); }
+    Number authorizeServer(Text s, Number p, Number w) override { return record("authorize", s, p, w), 1; }
     std::string connect(Text s, Number p, Number w) override { return record("connect", s, p, w); }
     std::string connect(Text s, Number p, Number w, Text t) override { return record("connectWithToken", s, p, w, t); }
     std::string disconnectWithSecToken(Text token) override { return record("disconnect", token); }
     std::string suspendWithSecToken(Text token) override { return record("suspend", token); }
     std::string resume() override { return record("resume"); }
-    Number connectionTime() override { return record("connectionTime"); }
+    Number connectionTime() override { return record("connectionTime"), 1; }
     std::string connectionTimeDisplayable() override { return record("connectionTimeDisplayable"); }
     std::string trafficRates() override { return record("trafficRates"); }
     std::string trafficTotals() override { return record("trafficTotals"); }
 
 private:
-    struct Answer {
-        operator std::string() const { return "abc"; }
-        operator Number() const { return 1; }
-    };
     template <typename... Args>
-    Answer record(const char* name, const Args&... args) {
+    std::string record(const char* name, const Args&... args) {
         std::ostringstream call;
         [[maybe_unused]] const char* separator = "";
         call << name << '(';
         ((call << separator << args, separator = ","), ...);
         std::lock_guard guard(lock);
         recorded.push_back(call.str() + ")");
-        return {};
+        return "abc";
     }
 
     mutable std::mutex lock;  // guards recorded, deferred; leaf lock
@@ -92,27 +76,19 @@ private:
     std::vector<Finish> deferred;
 };
 
-class RunningBridgeServer {
-public:
-    // Settings with a one-second body time-out, so refused short bodies end quickly.
+struct RunningBridgeServer {
+    // The default settings have a one-second body time-out, so refused short bodies end quickly.
     explicit RunningBridgeServer(
         std::shared_ptr<QBKelvoBridgeCommands> commands,
         const QBKelvoXMLRPCServer::Settings& settings = {.bodyTimeout = std::chrono::seconds(1)})
         : server(QBKelvoXMLRPCServer::serverWithAddress(
               QBIPAddress::ipAddressWithAddress("127.0.0.1"), 0, nullptr, commands, settings)),
           loop([this] { server->serve(); }) {
-        eventually([this] { return (listeningPort = server->serverSocket()->localPort()) != 0; });
+        eventually([this] { return (port = server->serverSocket()->localPort()) != 0; });
     }
-    ~RunningBridgeServer() {
-        server->shutdown();
-        loop.join();
-    }
+    ~RunningBridgeServer() { server->shutdown(), loop.join(); }
 
-    // The listening port, or 0 when the server did not listen within 5 s.
-    int port() const { return listeningPort; }
     const std::shared_ptr<QBKelvoXMLRPCServer> server;
-
-private:
     std::thread loop;
-    int listeningPort = 0;
+    int port = 0;  // the listening port, or 0 when the server did not listen within 5 s
 };

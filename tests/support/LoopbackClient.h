@@ -1,7 +1,6 @@
 #pragma once
-// LoopbackClient: a plain TCP client for tests of servers on loopback. It sends raw bytes and
-// reads whole HTTP responses or the end of the connection, every wait bounded by a time-out, so
-// that a test never hangs on a server that misbehaves.
+// A plain TCP client for tests of servers on loopback: it sends raw bytes and reads whole HTTP
+// responses or the end of the connection, every wait bounded so that no test hangs.
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
@@ -31,20 +30,16 @@ public:
             ::close(std::exchange(descriptor, -1));
         }
     }
-    ~LoopbackClient() {
-        if (descriptor >= 0) ::close(descriptor);
-    }
+    ~LoopbackClient() { ::close(descriptor); }
     LoopbackClient(const LoopbackClient&) = delete;
     LoopbackClient& operator=(const LoopbackClient&) = delete;
 
     bool connected() const { return descriptor >= 0; }
     // Sends all bytes; false when the connection failed (no SIGPIPE).
     bool send(std::string_view bytes) {
-        while (!bytes.empty()) {
-            const auto sent = ::send(descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-            if (sent < 0 && errno == EINTR) continue;
+        for (ssize_t sent; !bytes.empty(); bytes.remove_prefix(static_cast<size_t>(sent))) {
+            while ((sent = ::send(descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL)) < 0 && errno == EINTR) {}
             if (sent <= 0) return false;
-            bytes.remove_prefix(static_cast<size_t>(sent));
         }
         return true;
     }
@@ -76,9 +71,9 @@ public:
     }
 
 private:
-    // One receive that waits at most timeout; false when nothing came (ended: the peer closed).
+    // One receive that waits at most timeout (0 would mean no limit); false when nothing came.
     bool receive(Timeout timeout) {
-        const auto milliseconds = std::max<Timeout::rep>(1, timeout.count());  // 0 means no limit
+        const auto milliseconds = std::max<Timeout::rep>(1, timeout.count());
         const timeval limit{milliseconds / 1000, milliseconds % 1000 * 1000};
         ::setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
         char chunk[16384];
