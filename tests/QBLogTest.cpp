@@ -62,14 +62,11 @@ TEST(QBLogTest, LinesCarryDateTimeProgramAndThreadInTheOrderLogged) {
     QBLog::log("Invalid command");
     const auto lines = output.readAll();
     ASSERT_EQ(lines.size(), 2u);
-    const std::regex prefix(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} QBLogTest\[(\d+):(\d+)\] )");
-    std::smatch parts;
-    ASSERT_TRUE(std::regex_search(lines[0], parts, prefix)) << lines[0];
-    EXPECT_EQ(parts.position(0), 0);
-    EXPECT_EQ(parts[1], std::to_string(::getpid()));
-    EXPECT_EQ(parts[2], std::to_string(::gettid())) << "the thread that logged, not the writer";
-    EXPECT_TRUE(lines[0].ends_with("] Client connected"));
-    EXPECT_TRUE(lines[1].ends_with("] Invalid command"));
+    // The thread is the one that logged, not the writer.
+    const auto prefix = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} QBLogTest\[)" + std::to_string(::getpid()) + ":" +
+                        std::to_string(::gettid()) + R"(\] )";
+    EXPECT_TRUE(std::regex_match(lines[0], std::regex(prefix + "Client connected"))) << lines[0];
+    EXPECT_TRUE(std::regex_match(lines[1], std::regex(prefix + "Invalid command"))) << lines[1];
 }
 
 TEST(QBLogTest, AStalledOutputHoldsUpNoCallerAndTheLostLinesAreCounted) {
