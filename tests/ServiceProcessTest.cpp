@@ -40,8 +40,7 @@ bool listening(const char* address, std::chrono::milliseconds within = deadline)
 
 bool answersPreflight(const char* address) {
     LoopbackClient client(bridgePort, address);
-    const auto reply =
-        client.send("OPTIONS /vpn HTTP/1.1\r\n\r\n") ? client.readResponse() : std::nullopt;
+    const auto reply = client.send("OPTIONS /vpn HTTP/1.1\r\n\r\n") ? client.readResponse() : std::nullopt;
     return reply && reply->starts_with("HTTP/1.1 200 OK\r\n") &&
            reply->find("Access-Control-Allow-Methods: POST, OPTIONS\r\n") != std::string::npos;
 }
@@ -55,8 +54,8 @@ bool answersHello(RawFramePeer& gui) {
 }
 
 bool aliasListed() {
-    const auto listing = QBChildProcess::run("/sbin/ip", {"-o", "address", "show", "dev", "lo"});
-    return QBInterfaceData::parse(listing.output).listsIPv4Address(aliasAddress);
+    const auto listing = QBChildProcess::run("/sbin/ip", {"-o", "address", "show", "dev", "lo"}).output;
+    return QBInterfaceData::parse(listing).listsIPv4Address(aliasAddress);
 }
 
 }  // namespace
