@@ -29,8 +29,7 @@ public:
         ::dup2(ends[1], STDERR_FILENO), ::close(ends[1]);
     }
     ~StandardErrorPipe() {
-        if (readEnd < 0) return;
-        ::dup2(savedError, STDERR_FILENO), ::close(savedError), ::close(readEnd);
+        if (readEnd >= 0) ::dup2(savedError, STDERR_FILENO), ::close(savedError), ::close(readEnd);
     }
     // Reads until the log has been written out, then the rest; the lines read.
     std::vector<std::string> readAll() {

@@ -29,10 +29,7 @@ public:
         }));
     }
     bool contains(const std::string& text) const { return count(text) > 0; }
-    void clear() {
-        std::lock_guard guard(lock);
-        recorded.clear();
-    }
+    void clear() { std::lock_guard guard(lock); recorded.clear(); }
 
 private:
     mutable std::mutex lock;  // guards recorded
