@@ -136,8 +136,7 @@ class DemoPage:
             cell.get_attribute("data-state"), part("type"), part("value"))
         return wait_for(shown, ANSWER_TIMEOUT, f"the page's answer to {method}")
 
-    def wait_live(self, connected):
-        want = "connected" if connected else "idle"
+    def wait_live(self, want):
         wait_for(lambda: self.element("live").get_attribute("class") == want, START_TIMEOUT, f"the live panel to show {want}")
 
     def click_and_expect(self, *steps):
@@ -159,17 +158,17 @@ def call_every_method(page):
     for step in (("clientOS", "string", re.compile(r"Mac OS \d+\.\d+\.\d+")), ("clientVersion", "string", STANDIN_VERSION),
                  ("authorize", "int", "1"), ("connect", "string", "connecting")):
         page.click_and_expect(step)
-    page.wait_live(connected=True)
+    page.wait_live("connected")
     page.click_and_expect(("state", "string", "connected"), ("connectionTime", "int", re.compile(r"\d+")),
                           ("connectionTimeDisplayable", "string", re.compile(r"\d\d:\d\d:\d\d")),
                           ("trafficRates", "string", re.compile(r"[1-9]\d*,[1-9]\d*")),
                           ("trafficTotals", "string", re.compile(r"\d+,\d+")))
     for method in ("suspend", "resume", "disconnect"):
         page.click_and_expect((method, "string", ""))
-    page.wait_live(connected=False)
+    page.wait_live("idle")
     page.type_into("token", SECOND_TOKEN)
     page.click_and_expect(("connectWithToken", "string", "connecting"))
-    page.wait_live(connected=True)
+    page.wait_live("connected")
     # A second's refresh moves the live figures.
     before = page.text("live-updated")
     wait_for(lambda: page.text("live-updated") != before, ANSWER_TIMEOUT, "the live panel to refresh")
@@ -188,7 +187,7 @@ def check_fallback_without_gui(page, stage, standin, daemon):
     page falls back to the second address and shows the default that needs no GUI."""
     page.element("call-disconnect").click()
     page.answer("disconnect")
-    page.wait_live(connected=False)
+    page.wait_live("idle")
     for child in (standin, daemon):
         check(terminate(child) == 0, f"{child.args[0]} exited with {child.returncode} on SIGTERM")
     with closing_listener(DAEMON_ADDRESS):

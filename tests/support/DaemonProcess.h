@@ -17,8 +17,7 @@
 #include "support/Eventually.h"
 #include "support/TempDir.h"
 
-// How the child is set up before it runs the daemon.
-struct DaemonSetup {
+struct DaemonSetup {  // how the child is set up before it runs the daemon
     bool stopPending = false;     // starts with SIGTERM blocked and already pending
     bool withoutThreads = false;  // runs as nobody, allowed no further thread (needs root)
 };
@@ -62,7 +61,6 @@ public:
         pid = -1;
         return WIFEXITED(status) ? std::optional(WEXITSTATUS(status)) : std::nullopt;
     }
-    // What the child has written to standard output and error so far.
     std::string output() const {
         std::ifstream in(outputFile);
         return {std::istreambuf_iterator<char>(in), {}};
