@@ -29,8 +29,7 @@ public:
         ::dup2(ends[1], STDERR_FILENO), ::close(ends[1]);
     }
     ~StandardErrorPipe() {
-        if (readEnd < 0) return;
-        ::dup2(savedError, STDERR_FILENO), ::close(savedError), ::close(readEnd);
+        if (readEnd >= 0) ::dup2(savedError, STDERR_FILENO), ::close(savedError), ::close(readEnd);
     }
     // Reads until the log has been written out, then the rest; the lines read.
     std::vector<std::string> readAll() {
@@ -62,14 +61,11 @@ TEST(QBLogTest, LinesCarryDateTimeProgramAndThreadInTheOrderLogged) {
     QBLog::log("Invalid command");
     const auto lines = output.readAll();
     ASSERT_EQ(lines.size(), 2u);
-    const std::regex prefix(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} QBLogTest\[(\d+):(\d+)\] )");
-    std::smatch parts;
-    ASSERT_TRUE(std::regex_search(lines[0], parts, prefix)) << lines[0];
-    EXPECT_EQ(parts.position(0), 0);
-    EXPECT_EQ(parts[1], std::to_string(::getpid()));
-    EXPECT_EQ(parts[2], std::to_string(::gettid())) << "the thread that logged, not the writer";
-    EXPECT_TRUE(lines[0].ends_with("] Client connected"));
-    EXPECT_TRUE(lines[1].ends_with("] Invalid command"));
+    // The thread is the one that logged, not the writer.
+    const auto prefix = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} QBLogTest\[)" + std::to_string(::getpid()) + ":" +
+                        std::to_string(::gettid()) + R"(\] )";
+    EXPECT_TRUE(std::regex_match(lines[0], std::regex(prefix + "Client connected"))) << lines[0];
+    EXPECT_TRUE(std::regex_match(lines[1], std::regex(prefix + "Invalid command"))) << lines[1];
 }
 
 TEST(QBLogTest, AStalledOutputHoldsUpNoCallerAndTheLostLinesAreCounted) {

@@ -23,7 +23,6 @@
 #include "support/LoopbackClient.h"
 #include "support/PrivateNamespace.h"
 #include "support/RawFramePeer.h"
-#include "support/TempDir.h"
 
 using namespace std::chrono_literals;
 
@@ -41,8 +40,7 @@ bool listening(const char* address, std::chrono::milliseconds within = deadline)
 
 bool answersPreflight(const char* address) {
     LoopbackClient client(bridgePort, address);
-    const auto reply =
-        client.send("OPTIONS /vpn HTTP/1.1\r\n\r\n") ? client.readResponse() : std::nullopt;
+    const auto reply = client.send("OPTIONS /vpn HTTP/1.1\r\n\r\n") ? client.readResponse() : std::nullopt;
     return reply && reply->starts_with("HTTP/1.1 200 OK\r\n") &&
            reply->find("Access-Control-Allow-Methods: POST, OPTIONS\r\n") != std::string::npos;
 }
@@ -56,8 +54,8 @@ bool answersHello(RawFramePeer& gui) {
 }
 
 bool aliasListed() {
-    const auto listing = QBChildProcess::run("/sbin/ip", {"-o", "address", "show", "dev", "lo"});
-    return QBInterfaceData::parse(listing.output).listsIPv4Address(aliasAddress);
+    const auto listing = QBChildProcess::run("/sbin/ip", {"-o", "address", "show", "dev", "lo"}).output;
+    return QBInterfaceData::parse(listing).listsIPv4Address(aliasAddress);
 }
 
 }  // namespace
@@ -95,18 +93,18 @@ TEST(ServiceStopTest, ServesBothAddressesAndTheChannelThenEndsWithinASecondLeavi
             // Half the connections call the GUI; the other half sit in the middle of a request.
             ASSERT_TRUE(client->send(i < waitingCalls ? xmlRpcPost(methodCall("state"))
                                                       : std::string("POST /vpn HTTP/1.1\r\nHo")));
-    }
-    for (int i = 0; gui && i < waitingCalls; ++i) ASSERT_TRUE(gui->readEnvelope()) << "call " << i;
-    if (!gui) std::this_thread::sleep_for(500ms);  // all in the wait for a GUI by now
+        }
+        for (int i = 0; gui && i < waitingCalls; ++i) ASSERT_TRUE(gui->readEnvelope()) << "call " << i;
+        if (!gui) std::this_thread::sleep_for(500ms);  // all in the wait for a GUI by now
 
-    const auto stopAt = std::chrono::steady_clock::now();
-    ASSERT_TRUE(daemon.signal(stopSignal));
-    EXPECT_EQ(daemon.waitForExit(deadline), 0) << daemon.output();
-    EXPECT_LT(std::chrono::steady_clock::now() - stopAt, 1s * sanitizerSlowdown);
-    EXPECT_FALSE(listening(aliasAddress, 0ms) || listening(loopbackAddress, 0ms));
-    EXPECT_NE(::access(channelPath, F_OK), 0) << "socket file left behind";
-    EXPECT_EQ(aliasListed(), aliasBefore);
-    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "a child of the daemon is still there";
+        const auto stopAt = std::chrono::steady_clock::now();
+        ASSERT_TRUE(daemon.signal(stopSignal));
+        EXPECT_EQ(daemon.waitForExit(deadline), 0) << daemon.output();
+        EXPECT_LT(std::chrono::steady_clock::now() - stopAt, 1s * sanitizerSlowdown);
+        EXPECT_FALSE(listening(aliasAddress, 0ms) || listening(loopbackAddress, 0ms));
+        EXPECT_NE(::access(channelPath, F_OK), 0) << "socket file left behind";
+        EXPECT_EQ(aliasListed(), aliasBefore);
+        EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "a child of the daemon is still there";
     }
 }
 
@@ -131,7 +129,7 @@ TEST(ServiceProcessTest, AStopSignalAlreadyPendingAtStartStopsTheService) {
     QB_REQUIRE_PRIVATE_NAMESPACES();
     // Several at once: how early the signal thread takes the signal varies from run to run.
     DaemonProcess daemons[4];
-    for (auto& daemon : daemons) ASSERT_TRUE(daemon.start({QB_DAEMON_PATH}, {.stopPending = true}));
+    for (auto& daemon : daemons) ASSERT_TRUE(daemon.start({.stopPending = true}));
     for (auto& daemon : daemons) EXPECT_EQ(daemon.waitForExit(deadline), 0) << daemon.output();
     // Whatever the start had set up when the stop came is gone.
     EXPECT_FALSE(aliasListed());
@@ -143,7 +141,7 @@ TEST(ServiceProcessTest, WithoutThreadsTheProcessStillEndsWithStatusZero) {
     // The leak checker of ASan builds needs a thread of its own at exit; there is none to be had.
     ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
     DaemonProcess daemon;
-    ASSERT_TRUE(daemon.start({QB_DAEMON_PATH}, {.withoutThreads = true}));
+    ASSERT_TRUE(daemon.start({.withoutThreads = true}));
     EXPECT_EQ(daemon.waitForExit(deadline), 0) << daemon.output();
     EXPECT_NE(daemon.output().find("Failed to start the signal thread"), std::string::npos);
 }
@@ -197,10 +195,7 @@ TEST(ServiceProcessTest, LargestFramesOfTinyValuesOnEverySlotKeepTheDaemonSmall)
 // same, and stops (twice) without one.
 TEST(ServiceProcessTest, WithoutTheInterfaceToolTheServiceServesAllTheSame) {
     QB_REQUIRE_PRIVATE_NAMESPACES();
-    TempDir directory;
-    VorbelVPNService::Settings settings;
-    settings.interfaceTool = directory.file("missing-ip");
-    VorbelVPNService service(settings);
+    VorbelVPNService service({.interfaceTool = "/nonexistent/ip"});
     std::thread serving([&] { service.startService(); });
     EXPECT_TRUE(listening(aliasAddress) && listening(loopbackAddress) && answersPreflight(loopbackAddress));
     service.stopService();

@@ -1,7 +1,7 @@
 #pragma once
-// DaemonProcess: runs the real daemon binary (or another program of ours) as a child process,
-// its standard output and error collected into one file. The destructor kills and reaps a child
-// that is still running, so no test leaves one behind.
+// DaemonProcess: runs the real daemon binary as a child process, its standard output and error
+// collected into one file. The destructor kills and reaps a child that is still running, so no
+// test leaves one behind.
 
 #include <fcntl.h>
 #include <grp.h>
@@ -10,17 +10,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <fstream>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "support/Eventually.h"
 #include "support/TempDir.h"
 
-// How the child is set up before it runs the binary.
-struct DaemonSetup {
+struct DaemonSetup {  // how the child is set up before it runs the daemon
     bool stopPending = false;     // starts with SIGTERM blocked and already pending
     bool withoutThreads = false;  // runs as nobody, allowed no further thread (needs root)
 };
@@ -31,12 +28,9 @@ public:
         if (pid > 0 && ::waitpid(pid, nullptr, WNOHANG) == 0) ::kill(pid, SIGKILL), ::waitpid(pid, nullptr, 0);
     }
 
-    // Starts command[0] with command as its arguments, with no blocked signals whatever this
-    // process blocks, then as setup says. False on failure.
-    bool start(const std::vector<std::string>& command = {QB_DAEMON_PATH}, const DaemonSetup& setup = {}) {
-        std::vector<char*> arguments;
-        for (const auto& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
-        arguments.push_back(nullptr);
+    // Starts the daemon with no blocked signals whatever this process blocks, then as setup
+    // says. False on failure.
+    bool start(const DaemonSetup& setup = {}) {
         pid = ::fork();
         if (pid == 0) {  // only async-signal-safe calls until exec
             sigset_t mask;
@@ -47,15 +41,13 @@ public:
             ::dup2(::open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
             ::dup2(::open(outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644), STDOUT_FILENO);
             ::dup2(STDOUT_FILENO, STDERR_FILENO);
-            // The process limit counts this user's processes and threads; nobody's one process
-            // is already all it may have. Set after setuid, which would otherwise flag the
-            // process as over the limit and make exec fail.
+            // The process limit counts this user's processes and threads: nobody's one process is
+            // all it may have. Set after setuid, which would flag the process as over it, failing exec.
             const rlimit oneProcess{1, 1};
             if (setup.withoutThreads && (::setgroups(0, nullptr) != 0 || ::setgid(65534) != 0 ||
-                                         ::setuid(65534) != 0 || ::setrlimit(RLIMIT_NPROC, &oneProcess) != 0)) {
+                                         ::setuid(65534) != 0 || ::setrlimit(RLIMIT_NPROC, &oneProcess) != 0))
                 ::_exit(126);
-            }
-            ::execv(arguments[0], arguments.data());
+            ::execl(QB_DAEMON_PATH, QB_DAEMON_PATH, nullptr);
             ::_exit(127);
         }
         return pid > 0;
@@ -65,13 +57,10 @@ public:
     // was ended by a signal.
     std::optional<int> waitForExit(std::chrono::milliseconds timeout) {
         int status = 0;
-        if (pid <= 0 || !eventually([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, timeout)) {
-            return std::nullopt;
-        }
+        if (pid <= 0 || !eventually([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, timeout)) return std::nullopt;
         pid = -1;
         return WIFEXITED(status) ? std::optional(WEXITSTATUS(status)) : std::nullopt;
     }
-    // What the child has written to standard output and error so far.
     std::string output() const {
         std::ifstream in(outputFile);
         return {std::istreambuf_iterator<char>(in), {}};

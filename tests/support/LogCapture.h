@@ -6,49 +6,32 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/QBLog.h"
 
 class LogCapture {
 public:
-    struct Line {
-        QBLog::Channel channel;
-        std::string text;
-    };
-
     LogCapture() {
         QBLog::setSink([this](QBLog::Channel channel, std::string_view text) {
             std::lock_guard guard(lock);
-            recorded.push_back({channel, std::string(text)});
+            recorded.emplace_back(channel, text);
         });
     }
     ~LogCapture() { QBLog::setSink({}); }
 
-    std::vector<Line> lines() const {
+    // Number of lines equal to text, on any channel or on the one given.
+    int count(const std::string& text, std::optional<QBLog::Channel> channel = std::nullopt) const {
         std::lock_guard guard(lock);
-        return recorded;
-    }
-    // Number of lines equal to text on any channel / on the given channel.
-    int count(const std::string& text) const { return countOn(text, std::nullopt); }
-    int count(const std::string& text, QBLog::Channel channel) const {
-        return countOn(text, channel);
+        return static_cast<int>(std::count_if(recorded.begin(), recorded.end(), [&](const auto& line) {
+            return line.second == text && (!channel || line.first == *channel);
+        }));
     }
     bool contains(const std::string& text) const { return count(text) > 0; }
-    void clear() {
-        std::lock_guard guard(lock);
-        recorded.clear();
-    }
+    void clear() { std::lock_guard guard(lock); recorded.clear(); }
 
 private:
-    int countOn(const std::string& text, std::optional<QBLog::Channel> channel) const {
-        std::lock_guard guard(lock);
-        return static_cast<int>(
-            std::count_if(recorded.begin(), recorded.end(), [&](const Line& line) {
-                return line.text == text && (!channel || line.channel == *channel);
-            }));
-    }
-
     mutable std::mutex lock;  // guards recorded
-    std::vector<Line> recorded;
+    std::vector<std::pair<QBLog::Channel, std::string>> recorded;
 };

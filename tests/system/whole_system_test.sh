@@ -100,8 +100,10 @@ page_call() {
         --data "<?xml version=\"1.0\"?><methodCall><methodName>$1</methodName><params></params></methodCall>" \
         http://127.0.0.1:986/vpn | sed -n 's:.*<value><string>\(.*\)</string></value>.*:\1:p'
 }
-main_pid() { inside systemctl show -p MainPID --value "$unit"; }
+apt_get() { inside env DEBIAN_FRONTEND=noninteractive apt-get -y -q "$@" >"$run/apt.log" 2>&1 || { tail -5 "$run/apt.log"; return 1; }; }
+property() { inside systemctl show -p "$1" --value "$unit"; }
 unit_state() { inside systemctl is-active "$1" 2>/dev/null; }
+service_active() { [ "$(unit_state $unit)" = active ]; }
 states() { echo "socket $(unit_state $socket_unit), service $(unit_state $unit)"; }
 gui_pids() { inside pgrep -u "$user" -x gui-standin; }
 # A client is connected to the channel socket when the daemon's accepted end carries its path.
@@ -110,25 +112,21 @@ has_alias() { inside ip -o -4 address show dev lo | grep -q '127\.94\.0\.1/32'; 
 
 # Installing starts both units; the daemon adds its alias and listens on port 986.
 install_package() {
-    cp "$deb" "$root/root/"
-    inside env DEBIAN_FRONTEND=noninteractive apt-get install -y -q "/root/${deb##*/}" \
-        >"$run/apt.log" 2>&1 || { tail -5 "$run/apt.log"; return 1; }
+    cp "$deb" "$root/root/" && apt_get install "/root/${deb##*/}" || return 1
     wait_until 10 inside sh -c "ss -Hltn 'sport = :986' | grep -q 127.94.0.1" || { echo "nothing listens on 127.94.0.1:986"; return 1; }
     [ "$(states)" = "socket active, service active" ] || { states; return 1; }
     wait_until 10 has_alias || { echo "no alias on lo: $(inside ip -o -4 address show dev lo)"; return 1; }
     echo "$(states), alias 127.94.0.1/32 on lo, listening on 986"
 }
 check "package installs and starts" install_package
-[ "$(unit_state $unit)" = active ] || abort "the service is not running; nothing else can be checked"
+service_active || abort "the service is not running; nothing else can be checked"
 
 # With the service stopped and its socket listening, a GUI connecting starts the service.
 socket_activation() {
     inside systemctl stop "$unit" 2>/dev/null || return 1
     [ "$(states)" = "socket active, service inactive" ] || { echo "after stop: $(states)"; return 1; }
     inside timeout -s INT 5 "$tool_dir/gui-standin" --quiet >/dev/null 2>&1 &
-    local client=$!
-    wait_until 10 sh -c "[ \"\$(nsenter -t $pid1 -a -- systemctl is-active $unit)\" = active ]"
-    local state; state=$(unit_state $unit)
+    local client=$! state; wait_until 10 service_active; state=$(unit_state $unit)
     kill -INT "$client" 2>/dev/null; wait "$client" 2>/dev/null
     [ "$state" = active ] || { echo "a client connected, the service stayed $state"; return 1; }
     echo "started by a client's connection"
@@ -168,15 +166,13 @@ have_gui() { [ -n "$gui" ] || { echo "no GUI process"; return 1; }; }
 
 gui_identity() {
     have_gui || return 1
-    local status ids gids groups wanted primary; status=$(inside cat "/proc/$gui/status")
-    ids=$(awk '/^Uid:/ {print $2, $3, $4, $5}' <<<"$status")
-    gids=$(awk '/^Gid:/ {print $2, $3, $4, $5}' <<<"$status")
-    primary=$(inside id -g "$user")
+    local status ids groups wanted primary; status=$(inside cat "/proc/$gui/status") primary=$(inside id -g "$user")
+    ids=$(awk '/^(Uid|Gid):/ {print $2, $3, $4, $5}' <<<"$status" | paste -sd/)
     groups=$( (awk '/^Groups:/ {for (i = 2; i <= NF; i++) print $i}' <<<"$status"; echo "$primary") | sort -un | paste -sd' ')
     wanted=$(inside id -G "$user" | tr ' ' '\n' | sort -un | paste -sd' ')
-    echo "uids $ids, gids $gids, groups $groups"
-    [ "$ids" = "$uid $uid $uid $uid" ] && [ "$gids" = "$primary $primary $primary $primary" ] &&
-        [ "$groups" = "$wanted" ] || { echo "wanted uid $uid, gid $primary, groups $wanted"; return 1; }
+    echo "uids/gids $ids, groups $groups"
+    [ "$ids" = "$uid $uid $uid $uid/$primary $primary $primary $primary" ] && [ "$groups" = "$wanted" ] ||
+        { echo "wanted uid $uid, gid $primary, groups $wanted"; return 1; }
 }
 check "GUI runs with the user's ids and groups" gui_identity
 
@@ -191,7 +187,7 @@ check "GUI runs in the user's service manager" gui_in_user_manager
 # Sockets and pipes, by inode: none the daemon holds may be open in a process of the user (the
 # GUI, and any launcher still there), above all not its journal stream or listening sockets.
 no_daemon_descriptors() {
-    local daemon theirs ours leaked processes; daemon=$(main_pid)
+    local daemon theirs ours leaked processes; daemon=$(property MainPID)
     [ "$daemon" -gt 0 ] 2>/dev/null || { echo "no daemon"; return 1; }
     theirs=$(inside find "/proc/$daemon/fd" -mindepth 1 -printf '%l\n' | grep -E '^(socket|pipe):' | sort -u)
     [ -n "$theirs" ] || { echo "the daemon (pid $daemon) shows no sockets"; return 1; }
@@ -233,16 +229,15 @@ check "GUI outlives a stop and reconnects" stop_and_restart
 crash_restart() {
     inside systemctl start "$unit" || return 1
     local before restarts after answer alias="alias 127.94.0.1 not on lo"
-    before=$(main_pid); restarts=$(inside systemctl show -p NRestarts --value "$unit")
+    before=$(property MainPID) restarts=$(property NRestarts)
     inside systemctl kill --kill-who=main -s SIGSEGV "$unit" || return 1
-    restarted() { local now; now=$(main_pid); [ "$now" -gt 0 ] && [ "$now" != "$before" ] && [ "$(unit_state $unit)" = active ]; }
+    restarted() { local now; now=$(property MainPID); [ "$now" -gt 0 ] && [ "$now" != "$before" ] && service_active; }
     wait_until 15 restarted || { echo "not running again 15 s after the crash of $before"; return 1; }
-    after=$(inside systemctl show -p NRestarts --value "$unit")
+    after=$(property NRestarts) answer=$(page_call state)
     [ "$after" -gt "$restarts" ] || { echo "NRestarts $restarts -> $after"; return 1; }
-    answer=$(page_call state)
     [ "$answer" = "$gui_state" ] || { echo "after the restart state answered '$answer'"; return 1; }
     has_alias && alias="alias 127.94.0.1 still on lo"
-    echo "pid $before crashed, pid $(main_pid) serves (NRestarts $restarts -> $after), $alias"
+    echo "pid $before crashed, pid $(property MainPID) serves (NRestarts $restarts -> $after), $alias"
 }
 check "crash restarts the service" crash_restart
 
@@ -256,8 +251,7 @@ exposure() {
 check "exposure level of the installed unit" exposure
 
 remove_package() {
-    inside env DEBIAN_FRONTEND=noninteractive apt-get remove -y -q "$package" >"$run/apt.log" 2>&1 ||
-        { tail -5 "$run/apt.log"; return 1; }
+    apt_get remove "$package" || return 1
     local left=() listening alias=gone; listening=$(inside ss -Hltn 'sport = :986')
     [[ "$(states)" == *" active"* ]] && left+=("$(states)")
     [ -n "$listening" ] && left+=("listening on 986: $listening")
