@@ -28,8 +28,10 @@ struct EchoingDelegate : QBLumentideIPCDelegate {
     std::atomic<int> processed{0};
 };
 
-void append(std::vector<std::uint8_t>& bytes, const std::vector<std::uint8_t>& more) {
-    bytes.insert(bytes.end(), more.begin(), more.end());
+std::vector<std::uint8_t> burstOf(const std::vector<std::string>& bodies) {  // their frames, for one write
+    std::vector<std::uint8_t> bytes;
+    for (const auto& body : bodies) std::ranges::copy(RawFramePeer::frame(body), std::back_inserter(bytes));
+    return bytes;
 }
 
 }  // namespace
@@ -90,16 +92,12 @@ TEST_F(QBLumentideIPCConcurrencyTest, AnswersForOthersAndCommandsReadOnTheWayRea
         ids[request["content"].value("i", 0)] = request.value("messageid", "");
     }
     const auto reply = [&](int i) {
-        return json{{"command", "reply"}, {"messageid", "1"}, {"replyid", ids[i]}, {"content", {{"for", i}}}};
+        return json{{"command", "reply"}, {"messageid", "1"}, {"replyid", ids[i]}, {"content", {{"for", i}}}}.dump();
     };
     const auto command = [](const char* name) {
-        return json{{"command", name}, {"messageid", name}, {"content", json::object()}};
+        return json{{"command", name}, {"messageid", name}, {"content", json::object()}}.dump();
     };
-    std::vector<std::uint8_t> burst;
-    for (const auto& envelope : {reply(2), command("first"), reply(1), command("second"), reply(0)}) {
-        append(burst, RawFramePeer::frame(envelope.dump()));
-    }
-    ASSERT_TRUE(peer->sendBytes(burst));
+    ASSERT_TRUE(peer->sendBytes(burstOf({reply(2), command("first"), reply(1), command("second"), reply(0)})));
 
     for (int i = 0; i < 3; ++i) EXPECT_EQ(answers[static_cast<std::size_t>(i)].get(), (json{{"for", i}}));
     EXPECT_EQ(peer->readEnvelope().value_or(json())["replyid"], "first");
@@ -115,13 +113,12 @@ TEST_F(QBLumentideIPCConcurrencyTest, FramesOfOneBurstAreReadWhateverTheirSizes)
     server->setDelegate(delegate);
     auto peer = connectRawPeer();
     const std::size_t sizes[] = {4093, 4094, 4095, 4096, 4097, 61, 9000, 70000, 1029, 4099, 62, 12000};
-    std::vector<std::uint8_t> burst;
-    int count = 0;
+    std::vector<std::string> bodies;
     for (int round = 0; round < 5; ++round) {
-        for (const std::size_t size : sizes) append(burst, RawFramePeer::frame(RawFramePeer::envelopeOfSize(size - 5, std::to_string(count++))));
+        for (const std::size_t size : sizes) bodies.push_back(RawFramePeer::envelopeOfSize(size - 5, std::to_string(bodies.size())));
     }
-    ASSERT_TRUE(peer->sendBytes(burst));
-    for (int i = 0; i < count; ++i) {
+    ASSERT_TRUE(peer->sendBytes(burstOf(bodies)));
+    for (std::size_t i = 0; i < bodies.size(); ++i) {
         const auto reply = peer->readEnvelope().value_or(json());
         ASSERT_EQ(reply["replyid"], std::to_string(i));
         EXPECT_EQ(reply["content"], (json{{"status", "OK"}}));
