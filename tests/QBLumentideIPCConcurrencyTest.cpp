@@ -1,7 +1,6 @@
-// Many senders at once on one server endpoint, with answers and commands crossing in both
-// directions; who reads a connection (senders that wait read it themselves and pass on what is
-// not theirs); frames whatever their sizes; a client that stops reading. Meant to be run under
-// ThreadSanitizer as well.
+// Many senders at once, answers and commands crossing in both directions; who reads a connection
+// (senders that wait read it themselves and pass on what is not theirs); frames whatever their
+// sizes; a client that stops reading. Meant to be run under ThreadSanitizer as well.
 
 #include <random>
 
@@ -11,9 +10,8 @@ using nlohmann::json;
 
 namespace {
 
-// Answers every command with its data, its own name and the answer to a question that it asks
-// its peer first (double data["seq"]) and waits for, on its reader thread, after a random pause
-// of up to 200 us.
+// Answers every command with its data, its name and the answer to a question (double data["seq"])
+// that it asks its peer first, on its reader thread, after a random pause of up to 200 us.
 struct EchoingDelegate : QBLumentideIPCDelegate {
     explicit EchoingDelegate(std::string name) : name(std::move(name)) {}
     bool validateCommand(const std::string&, const json&, QBLumentideIPC&) override { return true; }
@@ -138,9 +136,8 @@ static void floodUntilStalled(int socket, const std::vector<std::uint8_t>& frame
 }
 
 TEST_F(QBLumentideIPCConcurrencyTest, AClientThatDoesNotReadHoldsUpNoOtherClient) {
-    auto echo = std::make_shared<ScriptedDelegate>();
-    echo->process = [](const std::string&, const json& data) -> std::optional<json> { return json{{"echo", data}}; };
-    auto gui = connectClient(echo);
+    auto gui = std::make_shared<ScriptedDelegate>();  // answers {"status": "OK"}
+    connectClient(gui);
     // A second local client sends large commands, whose INVALID answers echo them, and never reads.
     auto flooder = connectRawPeer();
     const json command = {{"command", "flood"}, {"messageid", "1"}, {"content", {{"pad", std::string(64 * 1024, 'x')}}}};
@@ -150,7 +147,7 @@ TEST_F(QBLumentideIPCConcurrencyTest, AClientThatDoesNotReadHoldsUpNoOtherClient
     auto calls = std::async(std::launch::async, [&] {
         int answered = 0;
         for (int i = 0; i < 1000; ++i) {
-            if (server->sendMessageToFirstClient("serviceCmd", {{"i", i}}) == json{{"echo", {{"i", i}}}}) ++answered;
+            if (server->sendMessageToFirstClient("serviceCmd", {{"i", i}}) == json{{"status", "OK"}}) ++answered;
         }
         return std::pair(answered, server->clientCount());
     });

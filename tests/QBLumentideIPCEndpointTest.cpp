@@ -140,15 +140,13 @@ TEST_F(QBLumentideIPCEndpointTest, ActivatedServerUsesMasterSocketAndLeavesItToT
         EXPECT_TRUE(isOpen(4)) << "the passed socket stays open";
         EXPECT_EQ(::access(socketPath.c_str(), F_OK), 0) << "and so does its file";
     }
-    const std::pair<std::function<std::unique_ptr<Activation>()>, const char*> failures[] = {
-        {[] { return std::make_unique<Activation>(std::vector<int>{}, "", "x"); }, "Checkin failed"},
-        {[&] { return std::make_unique<Activation>(std::vector<int>{unixSocket(directory.file("a"))}, "Other"); },
-         "Could not get file descriptor array"},
-        {[] { return std::make_unique<Activation>(std::vector<int>{unixSocket(), unixSocket()}, "MasterSocket:MasterSocket"); },
-         "Could not get file descriptor array entry: Type mismatch"}};
-    for (const auto& [prepare, expected] : failures) {
+    const std::tuple<std::vector<int>, const char*, const char*, const char*> failures[] = {  // passed, names, count
+        {{}, "", "x", "Checkin failed"},
+        {{unixSocket(directory.file("a"))}, "Other", nullptr, "Could not get file descriptor array"},
+        {{unixSocket(), unixSocket()}, "MasterSocket:MasterSocket", nullptr, "Could not get file descriptor array entry: Type mismatch"}};
+    for (const auto& [descriptors, names, count, expected] : failures) {
         log.clear();
-        auto activation = prepare();
+        Activation activation(descriptors, names, count);
         auto endpoint = QBLumentideIPC::initWithSocketPath(socketPath, true);
         endpoint->startServerAndBlock();
         EXPECT_EQ(log.count(expected, QBLog::Channel::general), 1) << expected;

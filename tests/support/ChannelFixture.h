@@ -15,8 +15,7 @@
 #include "support/RawFramePeer.h"
 #include "support/TempDir.h"
 
-// Shuts endpoint down; false when its threads do not end in time.
-inline bool shutDownAndWait(const std::shared_ptr<QBLumentideIPC>& endpoint) {
+inline bool shutDownAndWait(const std::shared_ptr<QBLumentideIPC>& endpoint) {  // false: threads still running
     endpoint->shutdown();
     return endpoint->waitForThreads(std::chrono::seconds(10));
 }
