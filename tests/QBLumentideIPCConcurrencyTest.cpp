@@ -17,8 +17,7 @@ struct EchoingDelegate : QBLumentideIPCDelegate {
     bool validateCommand(const std::string&, const json&, QBLumentideIPC&) override { return true; }
     std::optional<json> processCommand(const std::string&, const json& data, int, QBLumentideIPC& sender) override {
         ++processed;
-        thread_local std::minstd_rand random(std::random_device{}());
-        std::this_thread::sleep_for(std::chrono::microseconds(random() % 200));
+        std::this_thread::sleep_for(std::chrono::microseconds(std::random_device{}() % 200));
         const auto asked = sender.sendMessage("double", {{"n", data.value("seq", 0)}}).value_or(json());
         return json{{"echo", data}, {"by", name}, {"asked", asked}};
     }
