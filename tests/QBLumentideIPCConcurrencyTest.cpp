@@ -7,6 +7,7 @@
 #include "support/ChannelFixture.h"
 
 using nlohmann::json;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -75,12 +76,13 @@ TEST_F(QBLumentideIPCConcurrencyTest, EveryCallerGetsItsOwnAnswer) {
     EXPECT_EQ(log.count("Invalid command"), 200);
 }
 
-// Whoever reads the burst completes every waiting sender, and the commands in it still reach the
-// delegate in order, with their replies in the same order.
+// A reply completes its waiting sender whoever reads it, on any connection; a late one is dropped.
+// Commands read on the way still reach the delegate in order, with their replies in the same
+// order. The first client is the earliest one still connected.
 TEST_F(QBLumentideIPCConcurrencyTest, AnswersForOthersAndCommandsReadOnTheWayReachTheirOwners) {
     auto delegate = std::make_shared<ScriptedDelegate>();
     server->setDelegate(delegate);
-    auto peer = connectRawPeer();
+    auto peer = connectRawPeer(), second = connectRawPeer();
     std::vector<PendingAnswer> answers;
     for (int i = 0; i < 3; ++i) answers.push_back(requestFromFirstClient({{"i", i}}));
     std::string ids[3];
@@ -94,13 +96,24 @@ TEST_F(QBLumentideIPCConcurrencyTest, AnswersForOthersAndCommandsReadOnTheWayRea
     const auto command = [](const char* name) {
         return json{{"command", name}, {"messageid", name}, {"content", json::object()}}.dump();
     };
+    ASSERT_TRUE(second->sendReply(ids[0], {{"for", 0}}));
+    EXPECT_EQ(answers[0].get(), (json{{"for", 0}}));
     ASSERT_TRUE(peer->sendBytes(burstOf({reply(2), command("first"), reply(1), command("second"), reply(0)})));
 
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(answers[static_cast<std::size_t>(i)].get(), (json{{"for", i}}));
+    for (int i = 1; i < 3; ++i) EXPECT_EQ(answers[static_cast<std::size_t>(i)].get(), (json{{"for", i}}));
     EXPECT_EQ(peer->readEnvelope().value_or(json())["replyid"], "first");
     EXPECT_EQ(peer->readEnvelope().value_or(json())["replyid"], "second");
+    EXPECT_TRUE(peer->staysSilent(30ms * sanitizerSlowdown)) << "nothing for the late reply";
     using Received = decltype(delegate->received.all());
     EXPECT_EQ(delegate->received.all(), (Received{{"first", json::object()}, {"second", json::object()}}));
+
+    peer->close();
+    ASSERT_TRUE(eventually([&] { return server->clientCount() == 1; }));
+    auto next = requestFromFirstClient({{"to", "second"}});
+    const auto atSecond = second->readEnvelope().value_or(json());
+    EXPECT_EQ(atSecond["content"], (json{{"to", "second"}}));
+    ASSERT_TRUE(second->sendReply(atSecond["messageid"], {{"ok", true}}));
+    EXPECT_EQ(next.get(), (json{{"ok", true}}));
 }
 
 // Frames of one write whose headers straddle any receive call, bodies larger than what one call

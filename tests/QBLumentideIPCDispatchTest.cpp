@@ -69,24 +69,6 @@ TEST_F(QBLumentideIPCDispatchTest, UnreadableFramesEndTheConnection) {
     }
 }
 
-TEST_F(QBLumentideIPCDispatchTest, RepliesMatchByIdOnAnyConnectionAndTheFirstClientIsTheEarliest) {
-    auto first = connectRawPeer(), second = connectRawPeer();
-    auto answer = requestFromFirstClient({{"to", "first"}});
-    const auto request = first->readEnvelope().value_or(json());
-    ASSERT_TRUE(second->sendReply(request["messageid"], {{"from", "second"}}));
-    EXPECT_EQ(answer.get(), (json{{"from", "second"}}));
-    ASSERT_TRUE(first->sendReply(request["messageid"], {{"late", true}}));  // collected already: dropped
-    EXPECT_TRUE(first->staysSilent(30ms * sanitizerSlowdown));
-
-    first->close();
-    ASSERT_TRUE(eventually([&] { return server->clientCount() == 1; }));
-    auto next = requestFromFirstClient({{"to", "second"}});
-    const auto atSecond = second->readEnvelope().value_or(json());
-    EXPECT_EQ(atSecond["content"], (json{{"to", "second"}}));
-    ASSERT_TRUE(second->sendReply(atSecond["messageid"], {{"ok", true}}));
-    EXPECT_EQ(next.get(), (json{{"ok", true}}));
-}
-
 TEST_F(QBLumentideIPCDispatchTest, DelegateAnswersBecomeReplyContents) {
     auto delegate = std::make_shared<ScriptedDelegate>();
     delegate->process = [](const std::string& command, const json& data) -> std::optional<json> {
