@@ -24,8 +24,7 @@ inline bool shutDownAndWait(const std::shared_ptr<QBLumentideIPC>& endpoint) {  
 // down on the way out, so the sending thread never outlives the test.
 class PendingAnswer {
 public:
-    using Send = std::function<std::optional<nlohmann::json>(QBLumentideIPC&)>;
-    PendingAnswer(std::shared_ptr<QBLumentideIPC> endpoint, Send send)
+    PendingAnswer(std::shared_ptr<QBLumentideIPC> endpoint, std::function<std::optional<nlohmann::json>(QBLumentideIPC&)> send)
         : endpoint(endpoint), answer(std::async(std::launch::async, [endpoint, send] { return send(*endpoint); })) {}
     PendingAnswer(PendingAnswer&&) = default;
     ~PendingAnswer() {
@@ -111,8 +110,7 @@ protected:
         return {server, [data](QBLumentideIPC& endpoint) { return endpoint.sendMessageToFirstClient("serviceCmd", data); }};
     }
 
-    // GUI application settings in which every launch attempt makes one console-user lookup,
-    // counted, which finds nobody: nothing is ever started.
+    // For the GUI application: each launch attempt makes one counted console-user lookup that finds nobody.
     QBKelvoGUIApplication::Settings countingSettings(std::chrono::milliseconds checkInterval) {
         QBKelvoGUIApplication::Settings settings;
         settings.applicationPath = directory.file("app.desktop");
