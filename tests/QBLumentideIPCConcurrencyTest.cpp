@@ -11,20 +11,18 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// Answers every command with its data, its name and the answer to a question (double data["seq"])
-// that it asks its peer first, on its reader thread, after a random pause of up to 200 us.
-struct EchoingDelegate : QBLumentideIPCDelegate {
-    explicit EchoingDelegate(std::string name) : name(std::move(name)) {}
-    bool validateCommand(const std::string&, const json&, QBLumentideIPC&) override { return true; }
-    std::optional<json> processCommand(const std::string&, const json& data, int, QBLumentideIPC& sender) override {
-        ++processed;
+// A client's delegate: answers each command with its data, its name and the answer to a question
+// (double data["seq"]) it first asks the server through its client endpoint (lastSender), on its
+// reader thread, after a random pause of up to 200 us.
+std::shared_ptr<ScriptedDelegate> echoing(const std::string& name) {
+    auto delegate = std::make_shared<ScriptedDelegate>();
+    delegate->process = [name, &client = delegate->lastSender](const std::string&, const json& data) -> std::optional<json> {
         std::this_thread::sleep_for(std::chrono::microseconds(std::random_device{}() % 200));
-        const auto asked = sender.sendMessage("double", {{"n", data.value("seq", 0)}}).value_or(json());
+        const auto asked = client.load()->sendMessage("double", {{"n", data.value("seq", 0)}}).value_or(json());
         return json{{"echo", data}, {"by", name}, {"asked", asked}};
-    }
-    const std::string name;
-    std::atomic<int> processed{0};
-};
+    };
+    return delegate;
+}
 
 std::vector<std::uint8_t> burstOf(const std::vector<std::string>& bodies) {  // their frames, for one write
     std::vector<std::uint8_t> bytes;
@@ -45,7 +43,7 @@ TEST_F(QBLumentideIPCConcurrencyTest, EveryCallerGetsItsOwnAnswer) {
     auto doubling = std::make_shared<ScriptedDelegate>();  // refuses "refused"
     doubling->process = [](const std::string&, const json& data) { return json{{"n", 2 * data.value("n", 0)}}; };
     server->setDelegate(doubling);
-    auto firstDelegate = std::make_shared<EchoingDelegate>("first"), secondDelegate = std::make_shared<EchoingDelegate>("second");
+    auto firstDelegate = echoing("first"), secondDelegate = echoing("second");
     auto first = connectClient(firstDelegate), second = connectClient(secondDelegate);
     const int secondSocket = server->clientSockets().at(1);
 
@@ -64,8 +62,7 @@ TEST_F(QBLumentideIPCConcurrencyTest, EveryCallerGetsItsOwnAnswer) {
     for (const auto& client : {first, second}) {  // meanwhile the clients send to the server
         senders.emplace_back([&, client] {
             for (int i = 0; i < 100; ++i) {
-                const auto answer = client->sendMessage("refused", {{"seq", i}});
-                if (answer.value_or(json())["message"]["content"] != json{{"seq", i}}) ++wrong;
+                wrong += client->sendMessage("refused", {{"seq", i}}).value_or(json())["message"]["content"] != json{{"seq", i}};
             }
         });
     }
@@ -158,9 +155,7 @@ TEST_F(QBLumentideIPCConcurrencyTest, AClientThatDoesNotReadHoldsUpNoOtherClient
 
     auto calls = std::async(std::launch::async, [&] {
         int answered = 0;
-        for (int i = 0; i < 1000; ++i) {
-            if (server->sendMessageToFirstClient("serviceCmd", {{"i", i}}) == json{{"status", "OK"}}) ++answered;
-        }
+        for (int i = 0; i < 1000; ++i) answered += server->sendMessageToFirstClient("serviceCmd", {{"i", i}}) == json{{"status", "OK"}};
         return std::pair(answered, server->clientCount());
     });
     if (calls.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {

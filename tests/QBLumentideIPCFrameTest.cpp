@@ -31,8 +31,9 @@ std::optional<json> readFrom(const std::vector<std::uint8_t>& bytes, std::vector
 }  // namespace
 
 TEST(QBLumentideIPCFrameTest, FramesLeaveInPiecesOfAtMost1024BytesAndStopAtAFailure) {
-    const std::tuple<std::size_t, std::vector<std::size_t>, std::size_t> cases[] = {  // body, calls, failing call
-        {1019, {1024}, 0}, {1020, {1024, 1}, 0}, {3000, {1024, 1024, 957}, 0}, {3000, {1024, 1024}, 2}};  // header + 1019 fill one call
+    // Body size, send calls, the call that fails (0: none). Header and 1019 bytes fill one call.
+    const std::tuple<std::size_t, std::vector<std::size_t>, std::size_t> cases[] = {
+        {1019, {1024}, 0}, {1020, {1024, 1}, 0}, {3000, {1024, 1024, 957}, 0}, {3000, {1024, 1024}, 2}};
     for (const auto& [bodySize, expectedCalls, failing] : cases) {
         const auto frame = QBLumentideIPC::frameWithEnvelope(json::parse(envelopeOfSize(bodySize)));
         std::vector<std::size_t> calls;
