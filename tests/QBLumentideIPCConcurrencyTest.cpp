@@ -149,8 +149,7 @@ TEST_F(QBLumentideIPCConcurrencyTest, AClientThatDoesNotReadHoldsUpNoOtherClient
     connectClient(gui);
     // A second local client sends large commands, whose INVALID answers echo them, and never reads.
     auto flooder = connectRawPeer();
-    const json command = {{"command", "flood"}, {"messageid", "1"}, {"content", {{"pad", std::string(64 * 1024, 'x')}}}};
-    floodUntilStalled(flooder->descriptor(), RawFramePeer::frame(command.dump()));
+    floodUntilStalled(flooder->descriptor(), RawFramePeer::frame(RawFramePeer::envelopeOfSize(64 * 1024)));
     ASSERT_EQ(server->clientCount(), 2);
 
     auto calls = std::async(std::launch::async, [&] {

@@ -1,5 +1,5 @@
-// Messages over real connections: what endpoints send and answer, how replies find their
-// waiting senders, which frames a connection survives, and when a waiting sender gives up.
+// Messages over real connections: what endpoints send and answer, which frames end a connection,
+// and when a waiting sender gives up.
 
 #include "support/ChannelFixture.h"
 
