@@ -1,11 +1,5 @@
-// Messages over real connections: what endpoints send and answer, how replies find their
-// waiting senders, which frames a connection survives, and when a waiting sender gives up.
-
-#include <gtest/gtest.h>
-
-#include <climits>
-#include <stdexcept>
-#include <thread>
+// Messages over real connections: what endpoints send and answer, which frames end a connection,
+// and when a waiting sender gives up.
 
 #include "support/ChannelFixture.h"
 
@@ -17,8 +11,9 @@ protected:
     void SetUp() override { ASSERT_TRUE(startServer()); }
 };
 
-// Requests and replies take their ids from one counter, which wraps from INT32_MAX to 0. Sends
-// that are refused (no client, not an object, not a connection) neither go out nor take an id.
+// Requests and replies take their ids from one counter, which wraps from INT32_MAX to 0. Refused
+// sends (no client, not an object, not a connection) neither go out nor take an id. Malformed
+// envelopes and stray replies get no answer and no log line.
 TEST_F(QBLumentideIPCDispatchTest, RequestsAndInvalidAnswersCarryIdsFromOneCounter) {
     EXPECT_EQ(server->sendMessageToFirstClient("c", json::object()), std::nullopt) << "no client";
     auto peer = connectRawPeer();
@@ -26,23 +21,27 @@ TEST_F(QBLumentideIPCDispatchTest, RequestsAndInvalidAnswersCarryIdsFromOneCount
     EXPECT_EQ(server->sendMessage("c", json::array(), std::nullopt, false, client), std::nullopt);
     EXPECT_EQ(server->sendMessage("c", json::object(), std::nullopt, false, client + 100), std::nullopt);
     auto answer = requestFromFirstClient({{"command", "state"}});
-    const auto frame = peer->readFrameBytes();
-    ASSERT_TRUE(frame);
-    EXPECT_EQ(std::vector<std::uint8_t>(frame->begin(), frame->begin() + 5), (std::vector<std::uint8_t>{0, 0x46, 0, 0, 0}));
-    EXPECT_EQ(json::parse(frame->begin() + 5, frame->end()),
-              (json{{"command", "serviceCmd"}, {"messageid", "1"}, {"content", {{"command", "state"}}}}));
+    EXPECT_EQ(peer->readEnvelope(), (json{{"command", "serviceCmd"}, {"messageid", "1"}, {"content", {{"command", "state"}}}}));
     ASSERT_TRUE(peer->sendReply("1", {{"result", "connected"}, {"up", true}}));
     EXPECT_EQ(answer.get(), (json{{"result", "connected"}, {"up", true}}));
     // A reply never waits, even when asked to; nothing as its data is the content {}.
     EXPECT_EQ(server->sendMessage("reply", std::nullopt, std::string("5"), true, client), std::nullopt);
     EXPECT_EQ(peer->readEnvelope(), (json{{"command", "reply"}, {"messageid", "2"}, {"replyid", "5"}, {"content", json::object()}}));
 
-    // Without a delegate every command is answered INVALID, echoing the whole envelope.
+    for (const char* text : {R"({"command":"c","messageid":7,"content":{}})", R"({"messageid":"1","content":{}})",
+                             R"({"command":["c"],"messageid":"1","content":{}})", R"({"command":"c","messageid":"1"})",
+                             R"({"command":"c","messageid":"1","content":null})", R"({"command":"reply","messageid":"1","content":{}})",
+                             R"({"command":"reply","messageid":"1","replyid":"999","content":{}})",
+                             R"({"command":"reply","messageid":"1","replyid":1,"content":{}})"}) {
+        ASSERT_TRUE(peer->sendBytes(RawFramePeer::frame(text)));
+    }
+    // Without a delegate every command is answered INVALID, echoing the whole envelope. The
+    // frame's marker may be anything.
     const json command = {{"command", "hello"}, {"messageid", "7"}, {"content", {{"n", 1}}}, {"extra", false}};
-    ASSERT_TRUE(peer->sendEnvelope(command));
+    ASSERT_TRUE(peer->sendBytes(RawFramePeer::frame(command.dump(), 0x7F)));
     EXPECT_EQ(peer->readEnvelope(), (json{{"command", "reply"}, {"messageid", "3"}, {"replyid", "7"},
                                           {"content", {{"status", "INVALID"}, {"message", command}}}}));
-    EXPECT_TRUE(waitUntil([&] { return log.count("Invalid command", QBLog::Channel::general) == 1; }));
+    EXPECT_TRUE(eventually([&] { return log.count("Invalid command", QBLog::Channel::general) == 1; }));
 
     server->setLastSentMessageId(INT32_MAX - 1);
     for (const char* expected : {"2147483647", "0", "1"}) {
@@ -55,25 +54,9 @@ TEST_F(QBLumentideIPCDispatchTest, RequestsAndInvalidAnswersCarryIdsFromOneCount
     EXPECT_EQ(unconnected->lastSentMessageId(), 0);
 }
 
-TEST_F(QBLumentideIPCDispatchTest, MalformedEnvelopesAndStrayRepliesAreDroppedSilently) {
-    auto peer = connectRawPeer();
-    for (const char* text : {R"({"command":"c","messageid":7,"content":{}})", R"({"messageid":"1","content":{}})",
-                             R"({"command":["c"],"messageid":"1","content":{}})", R"({"command":"c","messageid":"1"})",
-                             R"({"command":"c","messageid":"1","content":null})", R"({"command":"reply","messageid":"1","content":{}})",
-                             R"({"command":"reply","messageid":"1","replyid":"999","content":{}})",
-                             R"({"command":"reply","messageid":"1","replyid":1,"content":{}})"}) {
-        ASSERT_TRUE(peer->sendBytes(RawFramePeer::frame(text)));
-    }
-    ASSERT_TRUE(peer->sendBytes(RawFramePeer::frame(R"({"command":"good","messageid":"42","content":{}})", 0x7F)));
-    EXPECT_EQ(peer->readEnvelope().value_or(json())["replyid"], "42");
-    EXPECT_TRUE(peer->staysSilent(50ms * sanitizerSlowdown));
-    EXPECT_TRUE(waitUntil([&] { return log.count("Invalid command") == 1; }));
-}
-
 TEST_F(QBLumentideIPCDispatchTest, UnreadableFramesEndTheConnection) {
-    const std::vector<std::uint8_t> zeroLength{0, 0, 0, 0, 0};
     const auto whole = RawFramePeer::frame(R"({"command":"c","messageid":"1","content":{}})");
-    const std::vector<std::uint8_t> cutInLength(whole.begin(), whole.begin() + 3);
+    const std::vector<std::uint8_t> zeroLength{0, 0, 0, 0, 0}, cutInLength(whole.begin(), whole.begin() + 3);
     for (const auto& bytes : {zeroLength, RawFramePeer::frame("[{}]"), RawFramePeer::frame("{\"a\""), cutInLength}) {
         auto peer = connectRawPeer();
         ASSERT_TRUE(peer->sendBytes(bytes));
@@ -82,43 +65,24 @@ TEST_F(QBLumentideIPCDispatchTest, UnreadableFramesEndTheConnection) {
             peer->sendBytes({whole.begin() + 3, whole.end()});
         }
         EXPECT_TRUE(peer->waitForClose());
-        EXPECT_TRUE(waitUntil([&] { return server->clientCount() == 0; }));
+        EXPECT_TRUE(eventually([&] { return server->clientCount() == 0; }));
     }
-}
-
-TEST_F(QBLumentideIPCDispatchTest, RepliesMatchByIdOnAnyConnectionAndTheFirstClientIsTheEarliest) {
-    auto first = connectRawPeer(), second = connectRawPeer();
-    auto answer = requestFromFirstClient({{"to", "first"}});
-    const auto request = first->readEnvelope().value_or(json());
-    ASSERT_TRUE(second->sendReply(request["messageid"], {{"from", "second"}}));
-    EXPECT_EQ(answer.get(), (json{{"from", "second"}}));
-    ASSERT_TRUE(first->sendReply(request["messageid"], {{"late", true}}));  // collected already: dropped
-    EXPECT_TRUE(first->staysSilent(30ms * sanitizerSlowdown));
-
-    first->close();
-    ASSERT_TRUE(waitUntil([&] { return server->clientCount() == 1; }));
-    auto next = requestFromFirstClient({{"to", "second"}});
-    const auto atSecond = second->readEnvelope().value_or(json());
-    EXPECT_EQ(atSecond["content"], (json{{"to", "second"}}));
-    ASSERT_TRUE(second->sendReply(atSecond["messageid"], {{"ok", true}}));
-    EXPECT_EQ(next.get(), (json{{"ok", true}}));
 }
 
 TEST_F(QBLumentideIPCDispatchTest, DelegateAnswersBecomeReplyContents) {
     auto delegate = std::make_shared<ScriptedDelegate>();
     delegate->process = [](const std::string& command, const json& data) -> std::optional<json> {
         if (command == "throws") throw std::runtime_error("handler failed");
-        return command == "echo" ? std::optional<json>(data) : std::nullopt;
+        return data;
     };
     auto client = connectClient(delegate);
     EXPECT_EQ(server->sendMessageToFirstClient("echo", {{"a", 1}, {"b", false}}), (json{{"a", 1}, {"b", false}}));
-    EXPECT_EQ(server->sendMessageToFirstClient("quiet", {{"a", 1}}), (json{{"status", "OK"}}));
     EXPECT_EQ(server->sendMessageToFirstClient("refused", {{"x", 1}}),
-              (json{{"status", "INVALID"}, {"message", {{"command", "refused"}, {"messageid", "3"}, {"content", {{"x", 1}}}}}}));
+              (json{{"status", "INVALID"}, {"message", {{"command", "refused"}, {"messageid", "2"}, {"content", {{"x", 1}}}}}}));
     // A handler that throws refuses its command; the client's reader serves on.
     EXPECT_EQ(server->sendMessageToFirstClient("throws", json::object()).value_or(json())["status"], "INVALID");
     EXPECT_EQ(server->sendMessageToFirstClient("echo", {{"c", 3}}), (json{{"c", 3}}));
-    EXPECT_EQ(delegate->processed, 4);
+    EXPECT_EQ(delegate->processed, 3);
     EXPECT_GE(delegate->lastClient, 0);
     EXPECT_EQ(delegate->lastSender.load(), client.get());
     ASSERT_TRUE(shutDownAndWait(client));
@@ -137,8 +101,7 @@ TEST_F(QBLumentideIPCDispatchTest, WaitingSendersAndAnswerHandlersAreReleasedOnc
     auto outcomes = std::make_shared<Recorded<std::optional<json>>>();  // what the answer handlers got
     const auto record = [outcomes](std::optional<json> answer) { outcomes->add(std::move(answer)); };
     server->sendMessageToFirstClient("c", json::object(), record);
-    ASSERT_EQ(outcomes->size(), 1u);
-    EXPECT_EQ(outcomes->all().at(0), std::nullopt);
+    EXPECT_EQ(outcomes->all(), std::vector<std::optional<json>>{std::nullopt}) << "at once without a client";
 
     std::vector<PendingAnswer> waiting;
     const auto expectReleasedBy = [&](const std::function<void()>& end) {
@@ -152,36 +115,32 @@ TEST_F(QBLumentideIPCDispatchTest, WaitingSendersAndAnswerHandlersAreReleasedOnc
     auto release = std::make_shared<std::atomic<bool>>(false);  // outlives the test if a call is late
     auto silent = std::make_shared<ScriptedDelegate>();
     silent->process = [release](const std::string&, const json&) {
-        waitUntil([&] { return release->load(); });
+        eventually([&] { return release->load(); });
         return std::nullopt;
     };
     server->setDelegate(silent);
     auto client = connectClient();
-    for (int i = 0; i < 50; ++i) {
-        waiting.emplace_back(client, [](QBLumentideIPC& endpoint) { return endpoint.sendMessage("c", json::object()); });
-    }
-    ASSERT_TRUE(waitUntil([&] { return silent->processed == 1; }));
+    for (int i = 0; i < 50; ++i) waiting.emplace_back(client, [](QBLumentideIPC& e) { return e.sendMessage("c", json::object()); });
+    ASSERT_TRUE(eventually([&] { return silent->processed == 1; }));
     expectReleasedBy([&] { client->shutdown(); });
     *release = true;
     // Requests to a raw peer, released when the peer goes away and when the server shuts down.
     for (const bool serverShutsDown : {false, true}) {
-        ASSERT_TRUE(waitUntil([&] { return server->clientCount() == 0; }));
+        ASSERT_TRUE(eventually([&] { return server->clientCount() == 0; }));
         auto peer = connectRawPeer();
         for (int i = 0; i < 50; ++i) waiting.push_back(requestFromFirstClient({{"i", i}}));
         for (int i = 0; i < 50; ++i) ASSERT_TRUE(peer->readEnvelope());
         std::vector<std::string> ids;
         for (int i = 0; i < 3; ++i) {
             server->sendMessageToFirstClient("c", {{"i", i}}, record);
-            const auto envelope = peer->readEnvelope();
-            ASSERT_TRUE(envelope);
-            ids.push_back((*envelope)["messageid"]);
+            ids.push_back(peer->readEnvelope().value_or(json()).value("messageid", "none"));
         }
         const auto before = outcomes->size();
         ASSERT_TRUE(peer->sendReply(ids[1], {{"n", 1}}) && peer->sendReply(ids[1], {{"n", "again"}}));
-        ASSERT_TRUE(waitUntil([&] { return outcomes->size() == before + 1; }));
+        ASSERT_TRUE(eventually([&] { return outcomes->size() == before + 1; }));
         EXPECT_EQ(outcomes->all().at(before), (json{{"n", 1}}));
         expectReleasedBy([&] { serverShutsDown ? server->shutdown() : peer->close(); });
-        ASSERT_TRUE(waitUntil([&] { return outcomes->size() == before + 3; }));
+        ASSERT_TRUE(eventually([&] { return outcomes->size() == before + 3; }));
         EXPECT_EQ(outcomes->all().at(before + 1), std::nullopt);
         EXPECT_EQ(outcomes->all().at(before + 2), std::nullopt);
         EXPECT_TRUE(!serverShutsDown || peer->waitForClose());

@@ -1,19 +1,13 @@
 // Endpoints: the socket file, the server loop's start and end, client connections, the client
 // list, socket activation, and the descriptors that all of them leave behind.
 
-#include <gtest/gtest.h>
-
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/un.h>
-#include <unistd.h>
 
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
-#include "support/ChannelFixture.h"
+#include "support/ChannelFixture.h"  // with gtest, and through RawFramePeer the socket headers
 
 using nlohmann::json;
 using namespace std::chrono_literals;
@@ -25,45 +19,41 @@ class QBLumentideIPCEndpointTest : public ChannelFixture {};
 long openDescriptorCount() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
 bool isOpen(int descriptor) { return ::fcntl(descriptor, F_GETFD) >= 0; }
 
-// Hands descriptors over at 3, 4, ... the way the service manager does; undone on destruction.
-class Activation {
-public:
-    Activation(const std::vector<int>& descriptors, const std::string& names) {
+// Hands descriptors over at 3, 4, ... the way the service manager does (count, if given, in place
+// of their number); undone on destruction.
+struct Activation {
+    Activation(const std::vector<int>& descriptors, const std::string& names, const char* count = nullptr) {
         for (int i = 0; i < static_cast<int>(descriptors.size()); ++i) {
             const int parked = ::fcntl(descriptors[i], F_DUPFD_CLOEXEC, 200);
             ::close(descriptors[i]);
-            saved.push_back(::fcntl(3 + i, F_DUPFD_CLOEXEC, 200));  // -1 if unused
+            saved.push_back(::fcntl(3 + i, F_DUPFD_CLOEXEC, 200));
             ::dup2(parked, 3 + i), ::close(parked);
         }
         ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
-        ::setenv("LISTEN_FDS", std::to_string(descriptors.size()).c_str(), 1);
+        ::setenv("LISTEN_FDS", count ? count : std::to_string(descriptors.size()).c_str(), 1);
         ::setenv("LISTEN_FDNAMES", names.c_str(), 1);
     }
     ~Activation() {
         for (const char* name : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES"}) ::unsetenv(name);
-        for (int i = 0; i < static_cast<int>(saved.size()); ++i) {
-            saved[i] >= 0 ? (::dup2(saved[i], 3 + i), ::close(saved[i])) : ::close(3 + i);
-        }
+        for (int i = 0; i < static_cast<int>(saved.size()); ++i) saved[i] >= 0 ? (::dup2(saved[i], 3 + i), ::close(saved[i])) : ::close(3 + i);
     }
-
-private:
-    std::vector<int> saved;
+    std::vector<int> saved;  // what 3, 4, ... were before (-1: nothing)
 };
 
-int unixSocket(const std::string& listenPath = "") {
+int unixSocket(const std::string& listenPath = "") {  // listening on listenPath, if one is given
     const int descriptor = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (listenPath.empty()) return descriptor;
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
+    sockaddr_un address{AF_UNIX, {}};
     std::strncpy(address.sun_path, listenPath.c_str(), sizeof address.sun_path - 1);
-    ::bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    ::listen(descriptor, 5);
+    if (!listenPath.empty()) ::bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address), ::listen(descriptor, 5);
     return descriptor;
 }
 
 }  // namespace
 
-TEST_F(QBLumentideIPCEndpointTest, ServerReplacesTheSocketFileAndRemovesItAtTheEndOnce) {
+// At the longest path a file left over is replaced; many stops at once remove it and end once.
+TEST_F(QBLumentideIPCEndpointTest, SocketFileUpToTheAddressLimitIsReplacedAndRemovedOnceAndLongerPathsAreRefused) {
+    const std::string prefix = directory.path() + "/";
+    socketPath = prefix + std::string(QBLumentideIPC::maximumSocketPathLength - prefix.size(), 's');
     std::ofstream(socketPath) << "left over by an earlier run";
     ASSERT_TRUE(startServer());
     auto client = connectClient();  // on the file the server made in place of the old one
@@ -77,18 +67,6 @@ TEST_F(QBLumentideIPCEndpointTest, ServerReplacesTheSocketFileAndRemovesItAtTheE
     EXPECT_NE(::access(socketPath.c_str(), F_OK), 0);
     EXPECT_EQ(log.count("LumentideHelper finished", QBLog::Channel::notice), 1);
 
-    auto early = QBLumentideIPC::initWithSocketPath(directory.file("early"), false);
-    early->startServerOnThread();
-    early->shutdown();  // before the loop has made its wake pipe
-    EXPECT_TRUE(early->waitForThreads(5s * sanitizerSlowdown));
-}
-
-TEST_F(QBLumentideIPCEndpointTest, SocketPathsUpToTheAddressLimitWorkAndLongerOnesAreRefused) {
-    const std::string prefix = directory.path() + "/";
-    socketPath = prefix + std::string(QBLumentideIPC::maximumSocketPathLength - prefix.size(), 's');  // the longest
-    ASSERT_TRUE(startServer());
-    connectClient();
-
     auto refused = QBLumentideIPC::initWithSocketPath(socketPath + "s", false);
     EXPECT_FALSE(refused->connect());
     refused->startServerAndBlock();
@@ -97,13 +75,18 @@ TEST_F(QBLumentideIPCEndpointTest, SocketPathsUpToTheAddressLimitWorkAndLongerOn
     EXPECT_EQ(refused->clientCount(), 0);
     EXPECT_EQ(refused->selfReference(), nullptr) << "the ended loop lets go of the endpoint";
     refused->shutdown();
+
+    auto early = QBLumentideIPC::initWithSocketPath(directory.file("early"), false);
+    early->startServerOnThread();
+    early->shutdown();  // before the loop has made its wake pipe
+    EXPECT_TRUE(early->waitForThreads(5s * sanitizerSlowdown));
 }
 
 TEST_F(QBLumentideIPCEndpointTest, ClientListDecidesShutdownIfNoClientsAndDisconnectClient) {
     ASSERT_TRUE(startServer());
     auto first = clients.emplace_back(QBLumentideIPC::initWithSocketPath(socketPath, false));
     std::thread reader([&] { EXPECT_TRUE(first->connectOnNewThread(false)); });  // returns when closed
-    ASSERT_TRUE(waitUntil([&] { return server->clientCount() == 1; }));
+    ASSERT_TRUE(eventually([&] { return server->clientCount() == 1; }));
     auto second = connectClient();
     EXPECT_FALSE(server->shutdownIfNoClients());
 
@@ -112,11 +95,11 @@ TEST_F(QBLumentideIPCEndpointTest, ClientListDecidesShutdownIfNoClientsAndDiscon
     reader.join();
     EXPECT_EQ(first->socketState(), 0);
     EXPECT_FALSE(first->connect()) << "a client endpoint connects once";
-    ASSERT_TRUE(waitUntil([&] { return server->clientCount() == 1; }));
+    ASSERT_TRUE(eventually([&] { return server->clientCount() == 1; }));
     EXPECT_EQ(second->sendMessage("ping", json::object()).value_or(json())["status"], "INVALID");
 
     ASSERT_TRUE(shutDownAndWait(second));
-    ASSERT_TRUE(waitUntil([&] { return server->clientCount() == 0; }));
+    ASSERT_TRUE(eventually([&] { return server->clientCount() == 0; }));
     EXPECT_TRUE(server->shutdownIfNoClients());
     EXPECT_TRUE(server->waitForThreads(5s * sanitizerSlowdown));
 }
@@ -132,14 +115,12 @@ TEST_F(QBLumentideIPCEndpointTest, ConnectionDescriptorsAreClosedExactlyOnce) {
         ASSERT_TRUE(i % 2 == 0 || client->sendMessage("ping", json::object())) << i;
         ASSERT_TRUE(shutDownAndWait(client)) << i;
     }
-    EXPECT_TRUE(waitUntil([&] { return server->clientCount() == 0 && openDescriptorCount() == before; }))
+    EXPECT_TRUE(eventually([&] { return server->clientCount() == 0 && openDescriptorCount() == before; }))
         << openDescriptorCount() << " open, " << before << " before";
 
     std::vector<std::unique_ptr<RawFramePeer>> peers;
     for (int i = 0; i < QBLumentideIPC::maximumClientsPerUser; ++i) peers.push_back(connectRawPeer());
-    for (const int client : server->clientSockets()) {
-        if (client % 2) server->disconnectClient(client);
-    }
+    for (const int client : server->clientSockets()) if (client % 2) server->disconnectClient(client);
     server->shutdown();
     std::vector<int> opened;
     for (int i = 0; i < 200; ++i) opened.push_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
@@ -159,16 +140,13 @@ TEST_F(QBLumentideIPCEndpointTest, ActivatedServerUsesMasterSocketAndLeavesItToT
         EXPECT_TRUE(isOpen(4)) << "the passed socket stays open";
         EXPECT_EQ(::access(socketPath.c_str(), F_OK), 0) << "and so does its file";
     }
-    const std::pair<std::function<std::unique_ptr<Activation>()>, const char*> failures[] = {
-        {[] { ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1), ::setenv("LISTEN_FDS", "x", 1);
-              return nullptr; }, "Checkin failed"},
-        {[&] { return std::make_unique<Activation>(std::vector<int>{unixSocket(directory.file("a"))}, "Other"); },
-         "Could not get file descriptor array"},
-        {[] { return std::make_unique<Activation>(std::vector<int>{unixSocket(), unixSocket()}, "MasterSocket:MasterSocket"); },
-         "Could not get file descriptor array entry: Type mismatch"}};
-    for (const auto& [prepare, expected] : failures) {
+    const std::tuple<std::vector<int>, const char*, const char*, const char*> failures[] = {  // passed, names, count
+        {{}, "", "x", "Checkin failed"},
+        {{unixSocket(directory.file("a"))}, "Other", nullptr, "Could not get file descriptor array"},
+        {{unixSocket(), unixSocket()}, "MasterSocket:MasterSocket", nullptr, "Could not get file descriptor array entry: Type mismatch"}};
+    for (const auto& [descriptors, names, count, expected] : failures) {
         log.clear();
-        auto activation = prepare();
+        Activation activation(descriptors, names, count);
         auto endpoint = QBLumentideIPC::initWithSocketPath(socketPath, true);
         endpoint->startServerAndBlock();
         EXPECT_EQ(log.count(expected, QBLog::Channel::general), 1) << expected;
@@ -194,7 +172,7 @@ TEST_F(QBLumentideIPCEndpointTest, OneUserHoldsAtMostItsShareOfTheClientSlots) {
     ASSERT_EQ(hogs.size(), share + 2u);
     for (std::size_t i = share; i < hogs.size(); ++i) EXPECT_TRUE(hogs[i]->waitForClose()) << i;
     hogs.resize(share);
-    EXPECT_TRUE(waitUntil([&] { return server->clientCount() == share; }));
+    EXPECT_TRUE(eventually([&] { return server->clientCount() == share; }));
     for (int i = 0; i < share; ++i) EXPECT_TRUE(served(*hogs[static_cast<std::size_t>(i)])) << i;
     auto others = RawFramePeer::connectAsUser(socketPath, other, 1);
     ASSERT_EQ(others.size(), 1u);
@@ -202,7 +180,7 @@ TEST_F(QBLumentideIPCEndpointTest, OneUserHoldsAtMostItsShareOfTheClientSlots) {
     EXPECT_EQ(log.count("Too many clients; connection refused"), 1);
 
     hogs.front()->close();
-    EXPECT_TRUE(waitUntil([&] {  // free once the closed client's reader has ended
+    EXPECT_TRUE(eventually([&] {  // free once the closed client's reader has ended
         auto again = RawFramePeer::connectAsUser(socketPath, hog, 1);
         if (again.size() != 1 || !served(*again[0])) return false;
         hogs.front() = std::move(again[0]);

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <climits>
 
 #include "QBLumentideIPC.h"
 #include "support/RawFramePeer.h"
@@ -32,26 +31,21 @@ std::optional<json> readFrom(const std::vector<std::uint8_t>& bytes, std::vector
 }  // namespace
 
 TEST(QBLumentideIPCFrameTest, FramesLeaveInPiecesOfAtMost1024BytesAndStopAtAFailure) {
-    const std::pair<std::size_t, std::vector<std::size_t>> cases[] = {
-        {1019, {1024}}, {1020, {1024, 1}}, {3000, {1024, 1024, 957}}};  // header + 1019 fill one call
-    for (const auto& [bodySize, expectedCalls] : cases) {
+    // Body size, send calls, the call that fails (0: none). Header and 1019 bytes fill one call.
+    const std::tuple<std::size_t, std::vector<std::size_t>, std::size_t> cases[] = {
+        {1019, {1024}, 0}, {1020, {1024, 1}, 0}, {3000, {1024, 1024, 957}, 0}, {3000, {1024, 1024}, 2}};
+    for (const auto& [bodySize, expectedCalls, failing] : cases) {
         const auto frame = QBLumentideIPC::frameWithEnvelope(json::parse(envelopeOfSize(bodySize)));
         std::vector<std::size_t> calls;
         std::vector<std::uint8_t> sent;
-        EXPECT_TRUE(QBLumentideIPC::writeFrame(frame, [&](const std::uint8_t* bytes, std::size_t n) {
+        EXPECT_EQ(QBLumentideIPC::writeFrame(frame, [&](const std::uint8_t* bytes, std::size_t n) {
             calls.push_back(n);
             sent.insert(sent.end(), bytes, bytes + n);
-            return static_cast<std::ptrdiff_t>(n);
-        }));
+            return calls.size() == failing ? -1 : static_cast<std::ptrdiff_t>(n);
+        }), failing == 0) << bodySize;
         EXPECT_EQ(calls, expectedCalls) << bodySize;
-        EXPECT_EQ(sent, RawFramePeer::frame(envelopeOfSize(bodySize))) << bodySize;
+        if (!failing) { EXPECT_EQ(sent, RawFramePeer::frame(envelopeOfSize(bodySize))) << bodySize; }
     }
-    int calls = 0;
-    EXPECT_FALSE(QBLumentideIPC::writeFrame(QBLumentideIPC::frameWithEnvelope(json::parse(envelopeOfSize(3000))),
-                                            [&](const std::uint8_t*, std::size_t n) {
-                                                return ++calls == 2 ? -1 : static_cast<std::ptrdiff_t>(n);
-                                            }));
-    EXPECT_EQ(calls, 2);
 }
 
 TEST(QBLumentideIPCFrameTest, ReaderTakesMarkerAndLengthInOneCallEachAndTheBodyInPieces) {
@@ -62,9 +56,7 @@ TEST(QBLumentideIPCFrameTest, ReaderTakesMarkerAndLengthInOneCallEachAndTheBodyI
 }
 
 TEST(QBLumentideIPCFrameTest, UnreadableFramesGiveNothingAndLimitsAreInclusive) {
-    const auto header = [](std::uint32_t n) {
-        return std::vector<std::uint8_t>{0, std::uint8_t(n), std::uint8_t(n >> 8), std::uint8_t(n >> 16), std::uint8_t(n >> 24)};
-    };
+    constexpr auto frame = [](const std::string& body) { return RawFramePeer::frame(body); };
     const auto nested = [](int depth) {  // depth counts the envelope itself
         return R"({"command":"c","messageid":"1","content":{"a":)" + std::string(depth - 2, '[') + std::string(depth - 2, ']') + "}}";
     };
@@ -76,24 +68,24 @@ TEST(QBLumentideIPCFrameTest, UnreadableFramesGiveNothingAndLimitsAreInclusive) 
     std::string keys = R"({"k0":0)";  // as many keys as values, half of them
     for (std::size_t i = 1; i < QBLumentideIPC::maximumValuesPerFrame / 2; ++i) keys += ",\"k" + std::to_string(i) + "\":0";
     keys += "}";
-    auto truncated = RawFramePeer::frame(R"({"command":"c","messageid":"1","content":{}})");
+    auto truncated = frame(R"({"command":"c","messageid":"1","content":{}})");
     truncated.pop_back();
+    const std::string longest = envelopeOfSize(QBLumentideIPC::maximumFrameBodyLength);
     const std::pair<const char*, std::vector<std::uint8_t>> unreadable[] = {
-        {"nothing", {}}, {"body cut short", truncated}, {"invalid UTF-8", RawFramePeer::frame("{\"a\":\"\xC3\x28\"}")},
-        {"length past the limit", header(QBLumentideIPC::maximumFrameBodyLength + 1)}, {"largest length", header(UINT32_MAX)},
-        {"nesting past the limit", RawFramePeer::frame(nested(QBLumentideIPC::maximumNestingDepth + 1))},
+        {"nothing", {}}, {"body cut short", truncated}, {"invalid UTF-8", frame("{\"a\":\"\xC3\x28\"}")},
+        {"length past the limit", frame(envelopeOfSize(longest.size() + 1))}, {"largest length", {0, 0xFF, 0xFF, 0xFF, 0xFF}},
+        {"nesting past the limit", frame(nested(QBLumentideIPC::maximumNestingDepth + 1))},
         {"nesting past the limit after a string that ends in a backslash",
-         RawFramePeer::frame(R"({"a":"\\","b":)" + std::string(QBLumentideIPC::maximumNestingDepth, '[') +
-                             std::string(QBLumentideIPC::maximumNestingDepth, ']') + "}")},
-        {"values past the budget", RawFramePeer::frame(withValues(QBLumentideIPC::maximumValuesPerFrame + 1))},
-        {"values past the budget, counting keys", RawFramePeer::frame(keys)}};
+         frame(R"({"a":"\\","b":)" + std::string(QBLumentideIPC::maximumNestingDepth, '[') +
+               std::string(QBLumentideIPC::maximumNestingDepth, ']') + "}")},
+        {"values past the budget", frame(withValues(QBLumentideIPC::maximumValuesPerFrame + 1))},
+        {"values past the budget, counting keys", frame(keys)}};
     for (const auto& [name, bytes] : unreadable) EXPECT_EQ(readFrom(bytes), std::nullopt) << name;
 
-    EXPECT_TRUE(readFrom(RawFramePeer::frame(nested(QBLumentideIPC::maximumNestingDepth))));
-    EXPECT_TRUE(readFrom(RawFramePeer::frame(withValues(QBLumentideIPC::maximumValuesPerFrame))));
-    EXPECT_TRUE(readFrom(RawFramePeer::frame(R"({"a":")" + std::string(500, '[') + R"(\"{"})")));
-    const std::string longest = envelopeOfSize(QBLumentideIPC::maximumFrameBodyLength);
-    EXPECT_TRUE(readFrom(RawFramePeer::frame(longest)));
+    EXPECT_TRUE(readFrom(frame(nested(QBLumentideIPC::maximumNestingDepth))));
+    EXPECT_TRUE(readFrom(frame(withValues(QBLumentideIPC::maximumValuesPerFrame))));
+    EXPECT_TRUE(readFrom(frame(R"({"a":")" + std::string(500, '[') + R"(\"{"})")));
+    EXPECT_TRUE(readFrom(frame(longest)));
     EXPECT_EQ(QBLumentideIPC::frameWithEnvelope(json::parse(longest)).size(), longest.size() + 5);
     EXPECT_TRUE(QBLumentideIPC::frameWithEnvelope(json::parse(envelopeOfSize(longest.size() + 1))).empty());
 }

@@ -1,21 +1,12 @@
 #pragma once
 // ChannelFixture: a server endpoint on a temporary socket path, with the log captured. TearDown
 // shuts down every endpoint the test made and checks that all their threads have ended.
-// PendingAnswer: a send on a thread of its own. ScriptedDelegate: answers chosen by the test.
-// Recorded: a list that any thread may add to while the test reads it.
-// countingSettings: GUI application settings for the tests of the GUI application and the bridge.
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <chrono>
-#include <functional>
 #include <future>
-#include <memory>
 #include <mutex>
-#include <string>
-#include <utility>
-#include <vector>
+#include <stdexcept>
 
 #include "QBKelvoGUIApplication.h"
 #include "QBLumentideIPC.h"
@@ -24,28 +15,26 @@
 #include "support/RawFramePeer.h"
 #include "support/TempDir.h"
 
-// eventually() with the channel tests' patience, stretched under sanitizers.
-inline bool waitUntil(const std::function<bool()>& predicate,
-                      std::chrono::milliseconds timeout = std::chrono::seconds(5) * sanitizerSlowdown) {
-    return eventually(predicate, timeout);
+inline bool shutDownAndWait(const std::shared_ptr<QBLumentideIPC>& endpoint) {  // false: threads still running
+    endpoint->shutdown();
+    return endpoint->waitForThreads(std::chrono::seconds(10));
 }
-// Shuts endpoint down; false when its threads do not end in time.
-bool shutDownAndWait(const std::shared_ptr<QBLumentideIPC>& endpoint);
 
-// If the test fails before the answer comes, the endpoint is shut down on the way out, so the
-// sending thread never outlives the test.
+// A send on a thread of its own. If the test fails before the answer comes, the endpoint is shut
+// down on the way out, so the sending thread never outlives the test.
 class PendingAnswer {
 public:
-    using Send = std::function<std::optional<nlohmann::json>(QBLumentideIPC&)>;
-    PendingAnswer(std::shared_ptr<QBLumentideIPC> endpoint, Send send)
+    PendingAnswer(std::shared_ptr<QBLumentideIPC> endpoint, std::function<std::optional<nlohmann::json>(QBLumentideIPC&)> send)
         : endpoint(endpoint), answer(std::async(std::launch::async, [endpoint, send] { return send(*endpoint); })) {}
     PendingAnswer(PendingAnswer&&) = default;
     ~PendingAnswer() {
         if (answer.valid() && !isReadyBy(std::chrono::steady_clock::now())) endpoint->shutdown();
     }
-    // The answer within 5 s (stretched under sanitizers); an unfinished send counts as a test
-    // failure and gives nothing.
-    std::optional<nlohmann::json> get();
+    std::optional<nlohmann::json> get() {  // an unfinished send (5 s, stretched) fails the test
+        if (isReadyBy(std::chrono::steady_clock::now() + std::chrono::seconds(5) * sanitizerSlowdown)) return answer.get();
+        ADD_FAILURE() << "the send did not return in time";
+        return std::nullopt;
+    }
     bool isReadyBy(std::chrono::steady_clock::time_point deadline) const {
         return answer.wait_until(deadline) == std::future_status::ready;
     }
@@ -56,7 +45,7 @@ private:
 };
 
 template <typename T>
-class Recorded {
+class Recorded {  // a list that any thread may add to while the test reads it
 public:
     void add(T item) {
         std::lock_guard guard(lock);
@@ -73,7 +62,7 @@ private:
     std::vector<T> items;
 };
 
-struct ScriptedDelegate : QBLumentideIPCDelegate {  // refuses the command "refused"
+struct ScriptedDelegate : QBLumentideIPCDelegate {  // answers as process says; refuses the command "refused"
     std::function<std::optional<nlohmann::json>(const std::string&, const nlohmann::json&)> process =
         [](const std::string&, const nlohmann::json&) { return std::nullopt; };
     std::atomic<int> connected{0}, disconnected{0}, processed{0}, lastClient{-1};
@@ -95,17 +84,33 @@ struct ScriptedDelegate : QBLumentideIPCDelegate {  // refuses the command "refu
 
 class ChannelFixture : public ::testing::Test {
 protected:
-    void TearDown() override;
-    bool startServer(bool activated = false);  // true once the server listens
+    void TearDown() override {
+        for (const auto& client : clients) EXPECT_TRUE(shutDownAndWait(client)) << "client threads still running";
+        EXPECT_TRUE(!server || shutDownAndWait(server)) << "server threads still running";
+    }
+    bool startServer(bool activated = false) {  // true once the server listens
+        const int startsBefore = log.count("LumentideHelper started");
+        server = QBLumentideIPC::initWithSocketPath(socketPath, activated);
+        server->startServerOnThread();
+        return eventually([&] { return log.count("LumentideHelper started") > startsBefore; });
+    }
     // A client endpoint, or a raw peer, whose connection the server has counted; throws otherwise.
-    std::shared_ptr<QBLumentideIPC> connectClient(const std::shared_ptr<QBLumentideIPCDelegate>& delegate = nullptr);
-    std::unique_ptr<RawFramePeer> connectRawPeer();
+    std::shared_ptr<QBLumentideIPC> connectClient(const std::shared_ptr<QBLumentideIPCDelegate>& delegate = nullptr) {
+        auto client = clients.emplace_back(QBLumentideIPC::initWithSocketPath(socketPath, false));
+        client->setDelegate(delegate);
+        expectCounted([&] { return client->connect(); });
+        return client;
+    }
+    std::unique_ptr<RawFramePeer> connectRawPeer() {
+        std::unique_ptr<RawFramePeer> peer;
+        expectCounted([&] { return (peer = std::make_unique<RawFramePeer>(socketPath))->isConnected(); });
+        return peer;
+    }
     PendingAnswer requestFromFirstClient(const nlohmann::json& data) {
         return {server, [data](QBLumentideIPC& endpoint) { return endpoint.sendMessageToFirstClient("serviceCmd", data); }};
     }
 
-    // Every launch attempt makes one console-user lookup, counted, which finds nobody: nothing is
-    // ever started.
+    // For the GUI application: each launch attempt makes one counted console-user lookup that finds nobody.
     QBKelvoGUIApplication::Settings countingSettings(std::chrono::milliseconds checkInterval) {
         QBKelvoGUIApplication::Settings settings;
         settings.applicationPath = directory.file("app.desktop");
@@ -121,4 +126,12 @@ protected:
     std::shared_ptr<QBLumentideIPC> server;
     std::vector<std::shared_ptr<QBLumentideIPC>> clients;
     std::atomic<int> launchAttempts{0};
+
+private:
+    void expectCounted(const std::function<bool()>& connect) {  // connect counted by the server, or throws
+        const int before = server->clientCount();
+        if (!connect() || !eventually([&] { return server->clientCount() > before; })) {
+            throw std::runtime_error("the server did not count the new connection");
+        }
+    }
 };

@@ -1,24 +1,18 @@
 #pragma once
 // RawFramePeer: a channel connection played by the test itself. It frames and unframes on its own
 // (marker, little-endian length, JSON body), so endpoints are checked against the wire format
-// rather than against their own code. Every connect, send and receive gives up after patience
+// rather than against their own code. Every connect, send and receive gives up after 5 s
 // (stretched under sanitizers).
 
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
-#include <sys/types.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstdint>
 #include <cstring>
 #include <memory>
-#include <optional>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -26,10 +20,8 @@
 
 class RawFramePeer {
 public:
-    static constexpr std::chrono::seconds patience{5 * sanitizerSlowdown};
-
     explicit RawFramePeer(const std::string& path) : fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        const timeval timeout{patience.count(), 0};
+        const timeval timeout{5 * sanitizerSlowdown, 0};
         ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
         ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);  // connect too
         sockaddr_un address{};
@@ -81,18 +73,13 @@ public:
     bool sendReply(const std::string& replyId, const nlohmann::json& content) {
         return sendEnvelope({{"command", "reply"}, {"messageid", "900"}, {"replyid", replyId}, {"content", content}});
     }
-    std::optional<std::vector<std::uint8_t>> readFrameBytes() {  // header included; nothing on time-out or close
-        std::vector<std::uint8_t> bytes(5);
-        if (::recv(fd, bytes.data(), 5, MSG_WAITALL) != 5) return std::nullopt;
-        std::uint32_t length = 0;
-        for (std::size_t i = 4; i >= 1; --i) length = (length << 8) | bytes[i];
-        bytes.resize(5 + length);
-        if (::recv(fd, bytes.data() + 5, length, MSG_WAITALL) != static_cast<ssize_t>(length)) return std::nullopt;
-        return bytes;
-    }
-    std::optional<nlohmann::json> readEnvelope() {
-        const auto bytes = readFrameBytes();
-        return bytes ? nlohmann::json::parse(bytes->begin() + 5, bytes->end(), nullptr, false) : std::optional<nlohmann::json>();
+    std::optional<nlohmann::json> readEnvelope() {  // nothing on time-out or close; any marker goes
+        std::uint8_t header[5];
+        if (::recv(fd, header, 5, MSG_WAITALL) != 5) return std::nullopt;
+        const std::uint32_t length = header[1] | header[2] << 8 | header[3] << 16 | std::uint32_t(header[4]) << 24;
+        std::string body(length, '\0');
+        if (::recv(fd, body.data(), length, MSG_WAITALL) != static_cast<ssize_t>(length)) return std::nullopt;
+        return nlohmann::json::parse(body, nullptr, false);
     }
     bool waitForClose() {  // true when the other end closes in time; frames still arriving are dropped
         std::uint8_t sink[4096];
