@@ -357,10 +357,10 @@ std::string QBKelvoXMLRPCServer::httpReply(std::int32_t status, const Headers& h
                                        {"Pragma", "no-cache"},
                                        {"Server", "MacTunnelwright/1.1"}}};
     std::vector<Header> all(fixed.begin(), fixed.end());
-    for (const auto& [name, value] : headers) {
+    for (const auto& given : headers) {
         const bool replaced = std::any_of(fixed.begin(), fixed.end(),
-                                          [&](const Header& header) { return header.first == name; });
-        if (!replaced) all.emplace_back(name, value);
+                                          [&](const Header& header) { return header.first == given.first; });
+        if (!replaced) all.emplace_back(given.first, given.second);
     }
     // In the order of their names, as a map of them would list them.
     std::sort(all.begin(), all.end(), [](const Header& a, const Header& b) { return a.first < b.first; });
