@@ -165,12 +165,14 @@ private:
 // its last value, as in a parsed object.
 class EnvelopeFields {
 public:
+    // Nothing when the body is not a JSON object at all.
     static std::optional<EnvelopeFields> of(std::string_view body) {
         EnvelopeFields fields;
-        const bool parsed = json::sax_parse(body.begin(), body.end(), &fields);
-        if (!parsed || !fields.command || !fields.messageId || !fields.contentIsObject) return std::nullopt;
+        if (!json::sax_parse(body.begin(), body.end(), &fields) || !fields.isObject) return std::nullopt;
         return fields;
     }
+    // A string command and id, and an object as content.
+    bool isEnvelope() const { return command && messageId && contentIsObject; }
 
     std::optional<std::string> command;
     std::optional<std::string> messageId;
@@ -191,6 +193,7 @@ public:
         return true;
     }
     bool start_object(std::size_t) {
+        if (depth == 0) isObject = true;
         value(nullptr, true);
         if (depth == 1 && topKey == "content") inContent = true;
         ++depth;
@@ -223,6 +226,7 @@ private:
     }
 
     int depth = 0;
+    bool isObject = false;   // the top level is an object
     bool inContent = false;  // inside the top level's "content" object
     std::string topKey;
     std::string contentKey;
@@ -235,7 +239,8 @@ public:
     explicit ChannelConnection(int socket) : socket(socket) {}
     ~ChannelConnection() { ::close(socket); }
 
-    // Calls handle with the body of every frame that arrives, until the connection ends. It
+    // Calls handle with the body of every frame that arrives, until the connection ends or handle
+    // returns false (a frame it cannot read, which ends the connection as it would the daemon's). It
     // waits in poll() for input, as an event loop does, not in the receive: a thread asleep in a
     // stream socket's receive is also woken whenever the daemon takes in a reply sent to it
     // (room to write again), a wasted wake-up per command. One receive takes what has come, so
@@ -255,7 +260,7 @@ public:
                 }
                 if (step == InboundFrames::Step::broken) return;
                 if (step != InboundFrames::Step::frame) break;
-                handle(body);
+                if (!handle(body)) return;
             }
         }
     }
@@ -292,11 +297,13 @@ private:
 
     const int socket;
     InboundFrames frames;
+    // A leaf lock, held for a whole frame's write so that frames never interleave.
     QBMutex writeLock;
     std::int64_t lastMessageId QB_GUARDED_BY(writeLock) = 0;
     std::string frame QB_GUARDED_BY(writeLock);  // reused for every reply
 };
 
+// Replies held back by "delayMs", sent by one thread at their time.
 class DelayedReplies {
 public:
     DelayedReplies() : thread([this] { run(); }) {}
@@ -395,7 +402,9 @@ public:
         connection->readFrames([&](std::string_view body) {
             if (!options.quiet) std::cout << body << std::endl;
             const auto envelope = EnvelopeFields::of(body);
-            if (envelope && *envelope->command != "reply") answer(connection, *envelope);
+            if (!envelope) return false;
+            if (envelope->isEnvelope() && *envelope->command != "reply") answer(connection, *envelope);
+            return true;
         });
     }
 
