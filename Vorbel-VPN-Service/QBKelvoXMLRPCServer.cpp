@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <limits>
+#include <span>
 
 #include "platform/QBLog.h"
 #include "platform/QBText.h"
@@ -356,14 +357,22 @@ std::string QBKelvoXMLRPCServer::httpReply(std::int32_t status, const Headers& h
                                        {"Content-Type", "text/xml"},
                                        {"Pragma", "no-cache"},
                                        {"Server", "MacTunnelwright/1.1"}}};
-    std::vector<Header> all(fixed.begin(), fixed.end());
-    for (const auto& given : headers) {
-        const bool replaced = std::any_of(fixed.begin(), fixed.end(),
-                                          [&](const Header& header) { return header.first == given.first; });
-        if (!replaced) all.emplace_back(given.first, given.second);
+    // In the order of their names, as a map of them would list them. The fixed ones are in that
+    // order already; only a reply with headers of its own (the preflight's, made once) merges.
+    std::vector<Header> merged;
+    if (!headers.empty()) {
+        merged.assign(fixed.begin(), fixed.end());
+        for (const auto& given : headers) {
+            const bool replaced = std::any_of(fixed.begin(), fixed.end(), [&](const Header& header) {
+                return header.first == given.first;
+            });
+            if (!replaced) merged.emplace_back(given.first, given.second);
+        }
+        std::sort(merged.begin(), merged.end(),
+                  [](const Header& a, const Header& b) { return a.first < b.first; });
     }
-    // In the order of their names, as a map of them would list them.
-    std::sort(all.begin(), all.end(), [](const Header& a, const Header& b) { return a.first < b.first; });
+    const std::span<const Header> all =
+        headers.empty() ? std::span<const Header>(fixed) : std::span<const Header>(merged);
 
     const std::string statusText = std::to_string(status);
     const std::string_view reason = reasonPhrase(status);
