@@ -10,6 +10,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <memory>
 #include <thread>
@@ -85,7 +86,8 @@ public:
         std::uint8_t sink[4096];
         ssize_t n = 0;
         while ((n = ::recv(fd, sink, sizeof sink, 0)) > 0) continue;
-        return n == 0;
+        // A close with bytes of ours still unread arrives as a reset.
+        return n == 0 || (n < 0 && errno == ECONNRESET);
     }
     bool staysSilent(std::chrono::milliseconds window) {
         pollfd watched{fd, POLLIN, 0};
