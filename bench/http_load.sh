@@ -19,8 +19,13 @@
 #   REPEAT=3 DURATION=3s bench/http_load.sh
 #   MODE=bridge REPEAT=3 DURATION=3s bench/http_load.sh
 #
+# CPUS=0 keeps every process of the run (the servers, the stand-in and wrk) on processor 0, so
+# that a hop from one process to the next is a switch on one processor instead of a wake-up of
+# another, sleeping one: what the same work costs where waking a processor is cheap.
+#
 # Settings (environment): BUILD_DIR (default build/default), DURATION (5s), REPEAT (1),
-# OURS_PORT (18986), NGINX_PORT (18987), CONNECTIONS ("1 8 64"), MODE (front or bridge).
+# OURS_PORT (18986), NGINX_PORT (18987), CONNECTIONS ("1 8 64"), MODE (front or bridge),
+# CPUS (unset: no pinning; otherwise a taskset processor list).
 set -euo pipefail
 
 mode=${MODE:-front}
@@ -35,6 +40,8 @@ ours_port=${OURS_PORT:-18986}
 nginx_port=${NGINX_PORT:-18987}
 connections=${CONNECTIONS:-"1 8 64"}
 repeat=${REPEAT:-1}
+pin=()
+[ -n "${CPUS:-}" ] && pin=(taskset -c "$CPUS")
 server_bin=$build/bridge-load-server
 scripts="options post"
 if [ "$mode" = bridge ]; then
@@ -133,15 +140,15 @@ done
 
 if [ "$mode" = bridge ]; then
     echo '{"state": {"content": {"result": "connected"}}}' > "$work/answers.json"
-    "$server_bin" > "$work/ours.log" 2>&1 &
+    "${pin[@]}" "$server_bin" > "$work/ours.log" 2>&1 &
     ours_pid=$!
-    "$build/gui-standin" --quiet --answers "$work/answers.json" > "$work/standin.log" 2>&1 &
+    "${pin[@]}" "$build/gui-standin" --quiet --answers "$work/answers.json" > "$work/standin.log" 2>&1 &
     standin_pid=$!
 else
-    "$server_bin" "$ours_port" > "$work/ours.log" 2>&1 &
+    "${pin[@]}" "$server_bin" "$ours_port" > "$work/ours.log" 2>&1 &
     ours_pid=$!
 fi
-"$nginx_bin" -p "$work/nginx" -c "$work/nginx/nginx.conf" > "$work/nginx.log" 2>&1 &
+"${pin[@]}" "$nginx_bin" -p "$work/nginx" -c "$work/nginx/nginx.conf" > "$work/nginx.log" 2>&1 &
 nginx_pid=$!
 
 wait_until_up() {
@@ -183,7 +190,7 @@ run_once() {  # script port pids connections -> "req/s p50 p99 errors cpu-us-per
     local threads=$(( $4 < 2 ? 1 : 2 )) before after
     before=$(cpu_ticks "$3")
     local result
-    result=$(wrk -t"$threads" -c"$4" -d"$duration" -s "$work/$1.lua" "http://127.0.0.1:$2/vpn" | awk '/^RESULT/')
+    result=$("${pin[@]}" wrk -t"$threads" -c"$4" -d"$duration" -s "$work/$1.lua" "http://127.0.0.1:$2/vpn" | awk '/^RESULT/')
     after=$(cpu_ticks "$3")
     echo "$result" | awk -v t=$(( after - before )) -v hz="$ticks_per_second" \
         '{ printf "%s %s %s %s %.1f\n", $2, $3, $4, $5, ($6 > 0 ? t * 1e6 / hz / $6 : 0) }'
