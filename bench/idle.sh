@@ -2,11 +2,12 @@
 # What the idle daemon costs a laptop: its wake-ups per second and resident memory.
 #
 # Runs the real daemon on 127.0.0.1:986 and 127.94.0.1:986 in private network and mount
-# namespaces (root), then watches it for WINDOW seconds in three states:
+# namespaces (root), then watches it for WINDOW seconds in four states:
 #   none        no connection at all;
 #   keep-alive  100 keep-alive connections, each after one answered preflight, opened just before
 #               the window and left idle (the front end's idle limit may close them in it);
-#   gui         the GUI stand-in connected to the message channel and idle.
+#   gui         the GUI stand-in connected to the message channel and idle;
+#   waiting     one call out to a GUI stand-in that never answers it (a GUI slow to answer).
 # A wake-up is a context switch, voluntary or not, of any of the daemon's threads, summed from
 # /proc/<pid>/task/*/status before and after the window. Prints the wake-ups, the wake-ups per
 # second, the thread count and VmRSS at the end of each window.
@@ -98,4 +99,16 @@ for _ in $(seq 100); do
 done
 sleep 1
 measure gui
+stop_helper
+
+echo '{"state": {"noReply": true}}' > "$work/silent.json"
+"$build/gui-standin" --quiet --answers "$work/silent.json" > "$work/standin.log" 2>&1 &
+helper_pid=$!
+sleep 1
+curl -s -m "$((window + 5))" -o /dev/null --data-binary \
+    '<?xml version="1.0"?><methodCall><methodName>state</methodName></methodCall>' \
+    http://127.0.0.1:986/vpn &
+call_pid=$!
+measure waiting
+kill "$call_pid" 2>/dev/null && wait "$call_pid" 2>/dev/null || true
 stop_helper

@@ -40,10 +40,34 @@ void Shared::requestStop() {
 
 // ---- Requests answered elsewhere ------------------------------------------------------------
 
+namespace {
+
+// How long after a request was handed over its connection may need the loop at the earliest: a
+// reply sent by another thread at once, then a whole rest without a request. A protocol that
+// never said how long a connection may rest has it looked at on every sweep instead.
+Clock::duration restOf(std::chrono::milliseconds rest) {
+    return rest > Clock::duration::zero() ? Clock::duration(rest) : Clock::duration(sweepInterval);
+}
+
+}  // namespace
+
+// The loop is not told when another thread sends a reply itself; it looks at the connection
+// again when the rest after such a reply could be over, and then counts the rest from the reply.
 void Loop::markBusy(Connection& connection) {
     connection.mayReplyDirectly = connection.pending.empty();
     connection.handOver.begin();
     ++busyConnections;
+    setDeadline(connection, now + restOf(connection.rest));
+}
+
+// Connections whose requests are still out when the loop looks at them: not before a rest from now.
+void Loop::postponeBusy() {
+    for (auto& entry : connections) {
+        auto& connection = *entry.second;
+        if (connection.handOver.busy() && connection.deadline <= now) {
+            connection.deadline = now + restOf(connection.rest);
+        }
+    }
 }
 
 HandOver::State Loop::takeBack(Connection& connection) {
@@ -102,7 +126,7 @@ void Loop::complete(Connection& connection, std::optional<std::string> reply) {
         const ssize_t sent =
             ::send(descriptor, reply->data(), reply->size(), MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent == static_cast<ssize_t>(reply->size())) {
-            if (connection.handOver.tryFinishElsewhere()) return;
+            if (connection.handOver.tryFinishElsewhere(Clock::now())) return;
             reply->clear();  // sent; the loop only has to watch the connection again
         } else if (sent > 0) {
             reply->erase(0, static_cast<std::size_t>(sent));  // the loop sends the rest
@@ -123,7 +147,7 @@ bool Loop::settleBusy(Connection& connection) {
             return false;
         case HandOver::State::replied:
             takeBack(connection);
-            connection.lastActivity = now;
+            connection.lastActivity = connection.handOver.replyTime();
             return true;
         default:
             return false;
@@ -131,7 +155,7 @@ bool Loop::settleBusy(Connection& connection) {
 }
 
 // Takes up the connections whose replies went out without a completion: they wait for the
-// peer's next request as any other (with that stage's time-out from now on).
+// peer's next request as any other, their rest counted from their replies.
 void Loop::settleReplied() {
     std::vector<Connection*> settled;
     for (auto& entry : connections) {
@@ -144,7 +168,7 @@ void Loop::settleReplied() {
         if (stopping) {
             close(*connection);
         } else {
-            advance(*connection);
+            advance(*connection, connection->lastActivity);
         }
     }
 }

@@ -95,16 +95,19 @@ void Loop::run() {
         for (int i = 0; i < count; ++i) dispatch(events[static_cast<std::size_t>(i)]);
         if (stopRequested && !stopping) beginStop();
         if (stopping && busyConnections > 0) settleReplied();
-        if (now >= nextDeadline || ((busyConnections > 0 || listenerPaused) &&
-                                    now - lastSweep >= sweepInterval)) {
-            sweep();
-        }
+        if (now >= nextDeadline || (needsSweeps() && now - lastSweep >= sweepInterval)) sweep();
     }
+}
+
+// While the loop stops, replies that other threads send themselves must be noticed without
+// waiting for the deadlines: the loop ends only after the last of them.
+bool Loop::needsSweeps() const {
+    return listenerPaused || (stopping && busyConnections > 0);
 }
 
 int Loop::waitMilliseconds() const {
     auto wakeAt = nextDeadline;
-    if (busyConnections > 0 || listenerPaused) wakeAt = std::min(wakeAt, lastSweep + sweepInterval);
+    if (needsSweeps()) wakeAt = std::min(wakeAt, lastSweep + sweepInterval);
     if (wakeAt == Clock::time_point::max()) return -1;
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(wakeAt - Clock::now());
     return static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 1 << 30));
@@ -254,7 +257,7 @@ void Loop::receive(Connection& connection) {
 }
 
 // Shows the protocol the pending bytes until it waits, or the connection is busy or closed.
-void Loop::advance(Connection& connection) {
+void Loop::advance(Connection& connection, Clock::time_point stageStart) {
     for (;;) {
         Step step = Close{};
         try {
@@ -267,9 +270,10 @@ void Loop::advance(Connection& connection) {
             // Only a wait for any new byte is a scan that the next look may resume.
             connection.seen = wait->needed == 0 ? connection.pending.size() : 0;
             connection.needed = wait->needed;
+            if (connection.pending.empty()) connection.rest = wait->timeout;
             if (wait->stage != connection.stage) {
                 connection.stage = wait->stage;
-                setDeadline(connection, now + wait->timeout);
+                setDeadline(connection, stageStart + wait->timeout);
             }
             if (connection.pending.empty() && connection.pending.capacity() > keptCapacity) {
                 std::string().swap(connection.pending);
@@ -343,15 +347,16 @@ bool Loop::flush(Connection& connection) {
 
 void Loop::sweep() {
     lastSweep = now;
-    if (busyConnections > 0) settleReplied();
+    if (busyConnections > 0) {
+        settleReplied();
+        postponeBusy();
+    }
     closeEvery([this](const Connection& connection) {
         return !connection.handOver.busy() && now >= connection.deadline;
     });
-    // The exact earliest deadline of those left; busy ones get new deadlines when taken back.
+    // The exact earliest deadline of those left.
     nextDeadline = Clock::time_point::max();
-    for (const auto& entry : connections) {
-        if (!entry.second->handOver.busy()) nextDeadline = std::min(nextDeadline, entry.second->deadline);
-    }
+    for (const auto& entry : connections) nextDeadline = std::min(nextDeadline, entry.second->deadline);
     if (listenerPaused && !stopping && watch(listener, EPOLLIN | EPOLLEXCLUSIVE, EPOLL_CTL_ADD)) {
         listenerPaused = false;
     }

@@ -30,10 +30,11 @@ using namespace std::chrono_literals;
 // let a peer park more bytes in the connection's store.
 constexpr std::size_t receiveChunk = 16 * 1024;
 constexpr int eventsPerWait = 128;
-// How often a loop looks again while it has something to take up that no event announces: a
-// connection whose reply another thread finished, or a listener paused for want of descriptors.
-// Deadlines are kept by the wait itself: a loop sleeps until the earliest one, and a loop with
-// none sleeps until an event comes.
+// How often a loop looks again while it has something to take up that no event or deadline
+// announces: a listener paused for want of descriptors, or, while the loop stops, connections
+// whose replies other threads finished. Everything else is kept by the wait itself: a loop
+// sleeps until the earliest deadline of its connections, and a loop with none sleeps until an
+// event comes.
 constexpr auto sweepInterval = 250ms;
 // Connections accepted in one go before the loop serves its other connections.
 constexpr int acceptsPerWake = 64;
@@ -58,7 +59,8 @@ constexpr int sendingStage = INT_MIN + 1;
 //                                              out of the epoll set, so the reply must come back
 //                                              to it as a completion
 //   working -> replied     tryFinishElsewhere: the finishing thread sent the whole reply itself;
-//                                              the loop is not woken for it
+//                                              the loop is not woken for it, and learns when
+//                                              the reply went out once it looks again
 //   busy -> idle           takeBack:           the loop takes it up again, from a completion or
 //                                              on hearing of a reply sent elsewhere
 //
@@ -83,7 +85,9 @@ public:
         return found;
     }
     // False when the loop unwatched the connection first: it then needs a completion.
-    bool tryFinishElsewhere() {
+    bool tryFinishElsewhere(Clock::time_point sentAt) {
+        // Stored before the state that publishes it.
+        repliedAt.store(sentAt.time_since_epoch().count(), std::memory_order_relaxed);
         State found = State::working;
         if (state.compare_exchange_strong(found, State::replied)) return true;
         assert(found == State::unwatched);
@@ -95,9 +99,14 @@ public:
         assert(was != State::idle);
         return was;
     }
+    // When the reply went out; meaningful once repliedElsewhere() has been seen.
+    Clock::time_point replyTime() const {
+        return Clock::time_point(Clock::duration(repliedAt.load(std::memory_order_relaxed)));
+    }
 
 private:
     std::atomic<State> state{State::idle};
+    std::atomic<Clock::rep> repliedAt{0};
 };
 
 // What the loops share: the stop event, and the count of connections for the bound.
@@ -148,8 +157,13 @@ private:
         std::size_t needed = 0;  // pending bytes the protocol waits for; 0: any new byte
         std::string output;      // reply bytes the peer has not taken yet
         int stage = noStage;
+        // Idle: when its stage's time runs out. Busy: when the loop looks at it again, at the
+        // earliest moment its reply, if another thread sent it, can have used up its rest.
         Clock::time_point deadline = Clock::time_point::max();
         Clock::time_point lastActivity;
+        // The time-out of the protocol's wait with nothing pending: how long the connection may
+        // rest between requests (0 until the protocol has said).
+        std::chrono::milliseconds rest{0};
         HandOver handOver;
         // While busy: whether the reply may be sent by the finishing thread itself (no
         // received bytes wait behind the request).
@@ -169,7 +183,10 @@ private:
     void pauseAccepting();
     void serveEvent(Connection& connection, std::uint32_t events);
     void receive(Connection& connection);
-    void advance(Connection& connection);
+    // stageStart: when a stage that the protocol's next wait begins started (a reply sent by
+    // another thread starts the rest that follows it).
+    void advance(Connection& connection) { advance(connection, now); }
+    void advance(Connection& connection, Clock::time_point stageStart);
     void consume(Connection& connection, std::size_t count);
     bool send(Connection& connection, const std::string& bytes);
     bool flush(Connection& connection);
@@ -184,8 +201,9 @@ private:
     // The deadline of connection becomes deadline; the loop wakes by then.
     void setDeadline(Connection& connection, Clock::time_point deadline);
     // How long the next wait may last: until the earliest deadline, or the next sweep while
-    // something waits to be taken up; -1 for no bound.
+    // something waits that no deadline covers; -1 for no bound.
     int waitMilliseconds() const;
+    bool needsSweeps() const;
     bool watch(int descriptor, std::uint32_t events, int operation);
 
     // Requests answered elsewhere (QBTCPEventServer.cpp).
@@ -193,6 +211,8 @@ private:
     void defer(Connection& connection, Defer& deferred);
     void markBusy(Connection& connection);
     HandOver::State takeBack(Connection& connection);
+    // Busy connections still working at their deadline are looked at again a rest later.
+    void postponeBusy();
     void complete(Connection& connection, std::optional<std::string> reply);
     bool settleBusy(Connection& connection);
     void settleReplied();
@@ -217,8 +237,8 @@ private:
     bool listenerPaused = false;
     Clock::time_point now = Clock::now();
     Clock::time_point lastSweep = now;
-    // No deadline of a connection that is not busy comes before this (it may be earlier than
-    // the earliest one: a deadline that moved later leaves it where it was until a sweep).
+    // No deadline of a connection comes before this (it may be earlier than the earliest one: a
+    // deadline that moved later leaves it where it was until a sweep).
     Clock::time_point nextDeadline = Clock::time_point::max();
 
     // A leaf lock, taken by finishing threads (holding none) and by the loop (holding none).

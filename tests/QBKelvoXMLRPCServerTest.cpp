@@ -329,6 +329,30 @@ TEST(BridgeServerDeferredTest, ConnectionsGoOnAfterRepliesFinishedElsewhere) {
     }
     // Silent after a reply from elsewhere: the idle time-out still ends the connection.
     EXPECT_TRUE(quiet.closedWithoutReply(2s * sanitizerSlowdown));
+    // A request out for longer than the idle time-out keeps its connection for its reply.
+    LoopbackClient slow(running.port);
+    ASSERT_TRUE(slow.send(statePost));
+    std::this_thread::sleep_for(1s * sanitizerSlowdown);
+    ASSERT_TRUE(finishAll("late"));
+    EXPECT_TRUE(answered(slow, reply("late")));
+}
+
+// Alone on its loop, so that nothing else wakes the loop: the connection rests for exactly its
+// idle time-out from a reply that left from another thread half a rest after the request.
+TEST(BridgeServerDeferredTest, TheRestAfterAReplyFinishedElsewhereCountsFromTheReply) {
+    auto commands = std::make_shared<FakeBridgeCommands>();
+    commands->deferState = true;
+    const std::chrono::milliseconds rest = 1s * sanitizerSlowdown;
+    RunningBridgeServer running(commands, {.idleTimeout = rest, .serving = {.loopThreads = 1}});
+    LoopbackClient client(running.port);
+    ASSERT_TRUE(client.send(statePost));
+    const auto finishes = commands->awaitDeferred(1);
+    ASSERT_EQ(finishes.size(), 1u);
+    std::this_thread::sleep_for(rest / 2);
+    std::thread([&] { finishes[0](std::string("abc")); }).join();
+    ASSERT_TRUE(answered(client));
+    EXPECT_FALSE(client.closedWithoutReply(rest * 3 / 4));
+    EXPECT_TRUE(client.closedWithoutReply(rest / 2));
 }
 
 TEST(BridgeServerTimeoutTest, StalledConnectionsAreClosedUnanswered) {
