@@ -147,7 +147,9 @@ bool Loop::settleBusy(Connection& connection) {
             return false;
         case HandOver::State::replied:
             takeBack(connection);
+            // Resting since the reply, until the protocol's next wait says otherwise.
             connection.lastActivity = connection.handOver.replyTime();
+            setDeadline(connection, connection.lastActivity + restOf(connection.rest));
             return true;
         default:
             return false;
